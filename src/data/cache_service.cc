@@ -1,0 +1,44 @@
+#include "data/cache_service.h"
+
+#include <mutex>
+
+#include "foundation/string_utils.h"
+#include "libfilesystem/entry_points.h"
+
+std::string CacheKey(const std::wstring& path) {
+    std::string key = ws2s(path);
+    for (char& c : key) {
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    }
+    return key;
+}
+
+std::shared_ptr<ICacheObj> GetCacheObj(const std::wstring& path, char mode, long long size,
+                                       IFetch* fetcher) {
+    std::lock_guard<std::mutex> lock(cl);
+    if (cache == nullptr)
+        return nullptr;
+    return cache->Open(CacheKey(path).c_str(), mode, size, fetcher);
+}
+
+void CloseCacheObj(const std::string& key) {
+    std::lock_guard<std::mutex> lock(cl);
+    if (cache != nullptr)
+        cache->Close(key.c_str());
+}
+
+void Rehash(const std::string& oldKey, const std::wstring& newPath, const char* extra) {
+    std::lock_guard<std::mutex> lock(cl);
+    if (cache == nullptr)
+        return;
+    const std::string newKey = CacheKey(newPath);
+    if (newKey == oldKey)
+        return;
+    cache->Rekey(oldKey.c_str(), newKey.c_str(), extra != nullptr ? extra : "");
+}
+
+bool HasCacheService() {
+    std::lock_guard<std::mutex> lock(cl);
+    return cache != nullptr;
+}

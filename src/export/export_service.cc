@@ -1,0 +1,12 @@
+#include "export/export_service.h"
+
+#include "api/log.h"
+
+int ExportServiceRPC::GetDriverState() {
+    __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Skarvo filesystem installed");
+    return 0;
+}
+
+int ExportServiceRPC::Mount(MountParameter&) {
+    return NOT_SUPPORTED;
+}

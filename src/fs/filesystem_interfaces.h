@@ -1,0 +1,30 @@
+// The views of a file system that the library's own parts use.
+#ifndef LIBFS_FS_FILESYSTEM_INTERFACES_H_
+#define LIBFS_FS_FILESYSTEM_INTERFACES_H_
+
+#include <memory>
+#include <string>
+
+#include "libfilesystem/event_sink.h"
+#include "libfilesystem/filesystem.h"
+#include "libfilesystem/filter.h"
+
+// The file system as the export service sees it: the host's interface.
+class IFileSystemImpl : public IFileSystem_V2 {};
+
+// The file system as its nodes see it.
+class IFileSystemInternal {
+  public:
+    virtual std::shared_ptr<IFSFilter> GetFSFilter() = 0;
+    virtual FS_FEATURE GetFeature() = 0;
+    virtual std::shared_ptr<IFSEvent> GetFSEvent() = 0;
+    virtual std::string GetLetter() = 0;
+    virtual std::string GetVolumeLabel() = 0;
+    virtual std::string GetMountPoint() = 0;
+    virtual void QueueFile(std::shared_ptr<File> file) = 0;
+
+  protected:
+    ~IFileSystemInternal() = default;
+};
+
+#endif  // LIBFS_FS_FILESYSTEM_INTERFACES_H_

@@ -1,0 +1,293 @@
+// Construction, accessors, paths and attributes of a file node.
+#include "tree/file.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <locale>
+#include <sstream>
+
+#include "api/log.h"
+#include "foundation/string_utils.h"
+#include "foundation/time_utils.h"
+#include "fs/filesystem_interfaces.h"
+#include "libfilesystem/entry_points.h"
+
+namespace {
+
+// The current local time as an RFC 3339 text, as records of new items carry it.
+std::string NowAsRFC3339() {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    struct tm local;
+    time_t seconds = now.tv_sec;
+    localtime_r(&seconds, &local);
+    return TMToRFC3339(&local);
+}
+
+std::string DoublePercent(std::string text) {
+    replace_all(text, "%", "%%");
+    return text;
+}
+
+}  // namespace
+
+std::string FoldName(const std::string& name) {
+    std::string folded(name);
+    for (char& c : folded) {
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    }
+    return folded;
+}
+
+File::File(std::shared_ptr<IProtocol_V2> protocol, IFileSystemInternal* fs, IFSConfig* config,
+           const _FS_FILE_V2* record, File* parent, INotifier* notifier)
+    : updatedAt_(Clock::now()),
+      config_(config),
+      parent_(parent),
+      notifier_(notifier),
+      protocol_(std::move(protocol)),
+      adjustTime_(NoAdjustServerTimeOffset),
+      adjustOffset_(NoAdjustOffsetForServerTime),
+      fileSystem_(fs),
+      serial_(gn.fetch_add(1) + 1) {
+    children_.max_load_factor(1.0);
+    hashes_.max_load_factor(1.0);
+    if (protocol_ && (protocol_->GetCapabilities() & PROTOCOL_CAP_SERVER_TIME_OFFSET) != 0) {
+        adjustTime_ = AdjustServerTimeOffset;
+        adjustOffset_ = AdjustOffsetForServerTime;
+    }
+    auto info = std::make_shared<_FS_FILE_EXT>();
+    if (record == nullptr) {
+        info->modifyTime = NowAsRFC3339();
+        info->accessTime = info->modifyTime;
+        info->createTime = info->modifyTime;
+        info->attributes = FILE_ATTRIBUTE_FOLDER | FILE_ATTRIBUTE_ROOT;
+        if (protocol_) {
+            std::string key(65536, '\0');
+            unsigned long length = key.size();
+            if (protocol_->GetRootKey(key.data(), &length) == SUCCESS) {
+                key.resize(std::min<size_t>(length, strnlen(key.data(), key.size())));
+                info->key = key;
+            }
+        }
+    } else {
+        _FS_FILE_V2 copy(*record);
+        copy.createTime = adjustTime_(copy.createTime.c_str());
+        copy.accessTime = adjustTime_(copy.accessTime.c_str());
+        copy.modifyTime = adjustTime_(copy.modifyTime.c_str());
+        *info = copy;
+    }
+    remoteKey_ = info->key;
+    info_ = info;
+    if (IsFolder())
+        AddMarkerFiles();
+}
+
+File::~File() = default;
+
+void File::AddMarkerFiles() {
+    _FS_FILE_V2 marker;
+    marker.attributes = FILE_ATTRIBUTE_FILE;
+    marker.size = 0;
+    marker.modifyTime = NowAsRFC3339();
+    marker.accessTime = marker.modifyTime;
+    marker.createTime = marker.modifyTime;
+    for (const char* name : {".ql_disablethumbnails", ".ql_disablecache"}) {
+        marker.name = name;
+        AddChild(&marker, true);
+    }
+}
+
+void* File::GetContext() {
+    return Info()->context.get();
+}
+
+_FS_CONFIG File::GetConfig() const {
+    if (config_ == nullptr)
+        return _FS_CONFIG{};
+    return config_->GetConfig();
+}
+
+std::shared_ptr<IFSEvent> File::GetFSEvent() const {
+    return fileSystem_ != nullptr ? fileSystem_->GetFSEvent() : nullptr;
+}
+
+std::string File::MountPoint() const {
+    return fileSystem_ != nullptr ? fileSystem_->GetLetter() : std::string();
+}
+
+File* File::GetRootFile() {
+    File* node = this;
+    while (node->parent_ != nullptr)
+        node = node->parent_;
+    return node;
+}
+
+std::string File::Name() const {
+    return Info()->name;
+}
+std::string File::Key() const {
+    return Info()->key;
+}
+
+std::string File::RemoteKey() const {
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    return remoteKey_;
+}
+
+void File::ClearHashForChanges() {
+    std::lock_guard<std::recursive_mutex> lock(childLock_);
+    hashes_.clear();
+}
+
+time_t File::FileTimeToTimet(uint32_t low, uint32_t high) {
+    const uint64_t value = (static_cast<uint64_t>(high) << 32) | low;
+    if (value == 0)
+        return 0;
+    return static_cast<time_t>((static_cast<int64_t>(value) - 116444736000000000LL) / 10000000);
+}
+
+std::string File::BuildPathA(char sep) const {
+    std::deque<std::string> names;
+    for (const File* node = this; node != nullptr; node = node->parent_) {
+        names.push_front(node->Name());
+    }
+    std::string path;
+    for (const auto& name : names) {
+        if (!path.empty())
+            path += sep;
+        path += name;
+    }
+    return path;
+}
+
+std::wstring File::BuildPath(char sep) const {
+    return s2ws(BuildPathA(sep));
+}
+
+std::string File::BuildLocalPathA(char sep) const {
+    return MountPoint() + "/" + BuildPathA(sep);
+}
+
+std::string File::BuildOriginPathA() const {
+    const std::string label = fileSystem_ != nullptr ? fileSystem_->GetVolumeLabel() : "";
+    return label + "/" + BuildPathA('/');
+}
+
+std::wstring File::BuildPathForCache(char sep) const {
+    // Cache keys are file names on some hosts: ':' is escaped (as "%3A", and
+    // '%' itself as "%25") so that every path keeps a distinct, stable key.
+    std::wostringstream key;
+    for (wchar_t c : BuildPath(sep)) {
+        if (c == L':') {
+            key << L"%3A";
+        } else if (c == L'%') {
+            key << L"%25";
+        } else {
+            key << c;
+        }
+    }
+    return key.str();
+}
+
+std::string File::GetFileNameForPrint() const {
+    return DoublePercent(Name());
+}
+std::wstring File::GetFileNameForPrintW() const {
+    return s2ws(GetFileNameForPrint());
+}
+
+std::string File::BuildPathForPrint(char sep, bool raw) const {
+    std::deque<std::string> names;
+    for (const File* node = this; node != nullptr; node = node->parent_) {
+        names.push_front(raw ? node->Name() : DoublePercent(node->Name()));
+    }
+    std::string path;
+    for (const auto& name : names) {
+        if (!path.empty())
+            path += sep;
+        path += name;
+    }
+    return path;
+}
+
+std::wstring File::BuildPathForPrintW(char sep, bool raw) const {
+    return s2ws(BuildPathForPrint(sep, raw));
+}
+
+int File::getattr(struct stat* st) {
+    auto info = Info();
+    if (!info)
+        return 0;
+    memset(st, 0, sizeof(*st));
+    st->st_size = info->size;
+    st->st_ino = serial_;
+    st->st_nlink = 1;
+    st->st_uid = getuid();
+    st->st_gid = getgid();
+    if ((info->attributes & FILE_ATTRIBUTE_FOLDER) != 0) {
+        // A fixed size for every folder, whatever it holds.
+        st->st_size = 1446;
+        // The child count is kept apart from the child map so that a busy
+        // child lock never blocks getattr.
+        st->st_nlink = childCount_.load() + 2;
+    }
+    st->st_atime = RFC3339ToTM(info->accessTime.c_str());
+    st->st_mtime = RFC3339ToTM(info->modifyTime.c_str());
+    st->st_ctime = RFC3339ToTM(info->createTime.c_str());
+    st->st_mode = (info->attributes & FILE_ATTRIBUTE_FOLDER) != 0 ? 040755 : 0644;
+    if ((info->attributes & FILE_ATTRIBUTE_FILE) != 0)
+        st->st_mode |= 0x8000;
+    if ((info->attributes & FILE_ATTRIBUTE_WRITABLE) != 0)
+        st->st_mode |= 2;
+    return 0;
+}
+
+int File::access(int) {
+    return 0;
+}
+
+AERROR File::SetFileAttributes(unsigned long, IExportService*) {
+    return SUCCESS;
+}
+
+void File::Notify(NOTIFYEVENT event, const std::wstring& path, const std::wstring* newPath) {
+    if (notifier_ == nullptr)
+        return;
+    notifier_->ChangeNotify(event, 5, path.c_str(),
+                            newPath != nullptr ? newPath->c_str() : nullptr);
+}
+
+AERROR File::SetFileTime(long createTime, long accessTime, long modifyTime) {
+    AERROR result = SUCCESS;
+    const std::string key = RemoteKey();
+    if (protocol_ && !key.empty() && (protocol_->GetCapabilities() & PROTOCOL_CAP_SET_TIME) != 0) {
+        void* cookie = nullptr;
+        result = protocol_->SetItemTime(key.c_str(), createTime, accessTime, modifyTime, &cookie);
+        if (cookie != nullptr)
+            protocol_->ReleaseCookie(cookie);
+    }
+    if (result != SUCCESS)
+        return result;
+    // The node's times are local wall-clock texts, as it reads them back.
+    auto local = [](long seconds) {
+        struct tm broken;
+        time_t t = seconds;
+        localtime_r(&t, &broken);
+        return TMToRFC3339(&broken);
+    };
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    auto next = std::make_shared<_FS_FILE_EXT>(*Info());
+    if (createTime != 0)
+        next->createTime = local(createTime);
+    if (accessTime != 0)
+        next->accessTime = local(accessTime);
+    if (modifyTime != 0)
+        next->modifyTime = local(modifyTime);
+    PublishInfo(next);
+    return SUCCESS;
+}

@@ -1,0 +1,78 @@
+#include "tree/find_files.h"
+
+#include "api/log.h"
+#include "tree/file.h"
+
+FindFiles::FindFiles(std::shared_ptr<File> folder) : folder_(std::move(folder)) {
+    unseen_.max_load_factor(1.0);
+    added_.max_load_factor(1.0);
+}
+
+AERROR FindFiles::AddFile(const _FS_FILE_V2* record) {
+    if (record == nullptr)
+        return SUCCESS;
+    if (!IsAcceptableName(record->name)) {
+        __LOG__A(CurrentLogger(), LL_WARNING, "[FILESYSTEM] No filename in data - %s/%d/%lld",
+                 record->key.c_str(), static_cast<int>(record->attributes),
+                 static_cast<long long>(record->size));
+        return SUCCESS;
+    }
+    const std::string folded = FoldName(record->name);
+    auto known = unseen_.find(folded);
+    if (known != unseen_.end()) {
+        known->second->Update(record, false, false);
+        unseen_.erase(known);
+        return SUCCESS;
+    }
+    if (added_.count(folded) != 0)
+        return SUCCESS;
+    auto node = folder_->NewChild(record);
+    added_.emplace(folded, node);
+    if (reportsChanges_ && (record->attributes & FILE_ATTRIBUTE_FOLDER) != 0) {
+        File* root = folder_->GetRootFile();
+        std::lock_guard<std::recursive_mutex> lock(*root->GetChildLock());
+        root->AddHash(record->key, node);
+    }
+    return SUCCESS;
+}
+
+void FindFiles::Process(void*) {
+    // The folder holds this job only while it runs: keep it alive to the end.
+    auto keep = shared_from_this();
+    auto protocol = folder_->GetProtocol();
+    if (!protocol) {
+        result_ = FAILED;
+        folder_->ListingDone(this);
+        return;
+    }
+    reportsChanges_ = (protocol->GetCapabilities() & PROTOCOL_CAP_REPORTS_CHANGES) != 0;
+    folder_->CopyChildren(unseen_);
+
+    void* cookie = nullptr;
+    try {
+        result_ = protocol->ListFolder(folder_->Key().c_str(), this, &cookie);
+    } catch (const std::exception& e) {
+        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception : %s", "ListFolder",
+                 e.what());
+        result_ = FAILED;
+    } catch (...) {
+        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception", "ListFolder");
+        result_ = FAILED;
+    }
+    if (result_ == SUCCESS) {
+        folder_->MergeListing(added_, unseen_);
+    } else if (auto sink = folder_->GetFSEvent()) {
+        sink->Error(FSEVENT_LIST_FAILED, result_, folder_->BuildLocalPathA('/').c_str(),
+                    folder_->BuildOriginPathA().c_str(), cookie);
+    }
+    if (cookie != nullptr)
+        protocol->ReleaseCookie(cookie);
+    unseen_.clear();
+    added_.clear();
+    folder_->ListingDone(this);
+}
+
+void FindFiles::Canceled(void*) {
+    auto keep = shared_from_this();
+    folder_->ListingDone(this);
+}

@@ -1,0 +1,202 @@
+// Looking names up in a folder, and keeping its listing fresh.
+#include <vector>
+
+#include "api/async_queue.h"
+#include "api/log.h"
+#include "fs/filesystem_interfaces.h"
+#include "tree/file.h"
+#include "tree/find_files.h"
+
+std::shared_ptr<File> File::NewChild(const _FS_FILE_V2* record) {
+    return std::make_shared<File>(protocol_, fileSystem_, config_, record, this, notifier_);
+}
+
+std::shared_ptr<File> File::GetFile(const char* name, std::shared_ptr<File> self) {
+    if (name == nullptr)
+        return nullptr;
+    const std::string wanted(name);
+    // Lookups of these names, made by desktop tools in every folder, are
+    // never a reason to list one.
+    if (IsFolder() && wanted != ".localized" && wanted != ".Trashes") {
+        const bool reportsChanges =
+            protocol_ && (protocol_->GetCapabilities() & PROTOCOL_CAP_REPORTS_CHANGES) != 0;
+        if (reportsChanges && listed_.load())
+            return GetFileWithNoFetch(name);
+        FetchList(self);
+    }
+    return GetFileWithNoFetch(name);
+}
+
+AERROR File::FetchList(std::shared_ptr<File> self) {
+    if (noListing_.load())
+        return SUCCESS;
+    {
+        std::lock_guard<std::mutex> lock(listingMutex_);
+        if (pendingListing_)
+            return SUCCESS;
+    }
+    listed_ = true;
+    const bool backgroundRefresh =
+        fileSystem_ == nullptr ||
+        (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_NO_BACKGROUND_REFRESH) == 0;
+    if (backgroundRefresh && fileState_.load() == FILE_STATE_LISTED) {
+        // The refresh interval is the "fetchasync" setting, in milliseconds.
+        const auto age =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - listedAt_.load());
+        if (age.count() < GetConfig().fetchasync)
+            return SUCCESS;
+        return RunListing(std::move(self), true);
+    }
+    return RunListing(std::move(self), false);
+}
+
+AERROR File::FetchListWithNoDetectChanges(std::shared_ptr<File> self) {
+    if (noListing_.load())
+        return SUCCESS;
+    {
+        std::lock_guard<std::mutex> lock(listingMutex_);
+        if (pendingListing_)
+            return SUCCESS;
+    }
+    listed_ = true;
+    return RunListing(std::move(self), false);
+}
+
+AERROR File::RunListing(std::shared_ptr<File> self, bool background) {
+    auto job = std::make_shared<FindFiles>(std::move(self));
+    {
+        std::lock_guard<std::mutex> lock(listingMutex_);
+        if (pendingListing_)
+            return SUCCESS;
+        pendingListing_ = job;
+    }
+    if (background) {
+        // The old children answer while the refresh runs on the queue.
+        QueueAsync(job.get(), nullptr);
+        return SUCCESS;
+    }
+    job->Process(kInlineContext);
+    return job->Result();
+}
+
+void File::ListingDone(FindFiles* job) {
+    std::lock_guard<std::mutex> lock(listingMutex_);
+    if (pendingListing_.get() == job)
+        pendingListing_.reset();
+}
+
+void File::CopyChildren(Children& out) {
+    std::lock_guard<std::recursive_mutex> lock(childLock_);
+    out = children_;
+}
+
+void File::MergeListing(const Children& added, const Children& unseen) {
+    std::vector<std::shared_ptr<File>> inserted;
+    {
+        std::lock_guard<std::recursive_mutex> lock(childLock_);
+        for (const auto& [folded, node] : added) {
+            if (children_.emplace(folded, node).second)
+                inserted.push_back(node);
+        }
+        childCount_ = children_.size();
+        // Nodes that were never stored remotely (no key) are local only, like
+        // the marker files: a listing cannot know them.
+        for (const auto& [folded, node] : unseen) {
+            if (!node->Key().empty())
+                RemoveChild(node->Name().c_str(), false);
+        }
+        if (fileState_.load() == FILE_STATE_LISTED) {
+            for (const auto& node : inserted) {
+                Notify(node->IsFolder() ? NE_MKDIR : NE_CREATE, node->BuildPath('\\'));
+            }
+        }
+        fileState_ = FILE_STATE_LISTED;
+        listedAt_ = Clock::now();
+    }
+}
+
+bool File::HasAnyOpenedChildHandle() {
+    std::vector<std::shared_ptr<File>> children;
+    {
+        std::lock_guard<std::recursive_mutex> lock(childLock_);
+        for (const auto& entry : children_)
+            children.push_back(entry.second);
+    }
+    for (const auto& child : children) {
+        if (child->handles_.HasAnyOpened() || child->HasAnyOpenedChildHandle())
+            return true;
+    }
+    return false;
+}
+
+AERROR File::readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out) {
+    try {
+        std::lock_guard<std::recursive_mutex> lock(childLock_);
+        const bool reportsChanges =
+            protocol_ && (protocol_->GetCapabilities() & PROTOCOL_CAP_REPORTS_CHANGES) != 0;
+        if (!(reportsChanges && listed_.load()))
+            FetchList(self);
+
+        FS_DIR_ENTRY entry;
+        entry.name = ".";
+        getattr(&entry.st);
+        out.push_back(entry);
+        entry.name = "..";
+        if (parent_ != nullptr) {
+            parent_->getattr(&entry.st);
+        } else {
+            getattr(&entry.st);
+        }
+        out.push_back(entry);
+        for (const auto& [folded, child] : children_) {
+            entry.name = child->Name();
+            if (entry.name == "." || entry.name == "..")
+                continue;
+            child->getattr(&entry.st);
+            out.push_back(entry);
+        }
+    } catch (const std::exception& e) {
+        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception : %s", "readdir",
+                 e.what());
+    } catch (...) {
+        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception", "readdir");
+    }
+    return SUCCESS;
+}
+
+bool File::IsUtf8(const char* text) {
+    if (text == nullptr)
+        return false;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+    while (*bytes != 0) {
+        int length;
+        uint32_t point;
+        if (bytes[0] < 0x80) {
+            ++bytes;
+            continue;
+        } else if ((bytes[0] & 0xE0) == 0xC0) {
+            length = 2;
+            point = bytes[0] & 0x1F;
+        } else if ((bytes[0] & 0xF0) == 0xE0) {
+            length = 3;
+            point = bytes[0] & 0x0F;
+        } else if ((bytes[0] & 0xF8) == 0xF0) {
+            length = 4;
+            point = bytes[0] & 0x07;
+        } else {
+            return false;
+        }
+        for (int i = 1; i < length; ++i) {
+            if ((bytes[i] & 0xC0) != 0x80)
+                return false;
+            point = (point << 6) | (bytes[i] & 0x3F);
+        }
+        // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
+        static const uint32_t kSmallest[5] = {0, 0, 0x80, 0x800, 0x10000};
+        if (point < kSmallest[length] || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) {
+            return false;
+        }
+        bytes += length;
+    }
+    return true;
+}

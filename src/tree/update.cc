@@ -1,0 +1,60 @@
+// Applying a fresh remote record to an existing node.
+#include "data/cache_service.h"
+#include "tree/file.h"
+
+// The remote content changed when the incoming record's size differs from
+// the size the node last took from the remote (knownSize), or its
+// modification time differs from the node's. Then the node's cached clean
+// data is dropped so that the next read fetches the new content; data being
+// written locally stays and is uploaded later: the local writer wins, and
+// while it writes the node keeps showing its local size and time. When the
+// node's path changed (a rename or move), its cache entry is re-keyed.
+void File::Update(const _FS_FILE_V2* record, bool, bool) {
+    if (record == nullptr)
+        return;
+    updatedAt_ = Clock::now();
+    bool contentChanged;
+    std::shared_ptr<ICacheObj> cacheObject;
+    std::string oldKey;
+    std::string extra;
+    {
+        std::lock_guard<std::mutex> lock(dataMutex_);
+        auto current = Info();
+        _FS_FILE_V2 copy(*record);
+        copy.createTime = adjustTime_(copy.createTime.c_str());
+        copy.accessTime = adjustTime_(copy.accessTime.c_str());
+        copy.modifyTime = adjustTime_(copy.modifyTime.c_str());
+        if (!IsAcceptableName(copy.name))
+            copy.name = current->name;
+        contentChanged = copy.size != current->knownSize || copy.modifyTime != current->modifyTime;
+
+        auto next = std::make_shared<_FS_FILE_EXT>();
+        *next = copy;
+        const bool localWriter = IsModified() || IsUploading() || handles_.ExistWriteHandle();
+        if (localWriter) {
+            next->size = current->size;
+            next->modifyTime = current->modifyTime;
+        }
+        if (!copy.key.empty())
+            remoteKey_ = copy.key;
+        PublishInfo(next);
+        cacheObject = cacheObject_;
+        oldKey = cacheKey_;
+        extra = next->extra;
+    }
+    if (contentChanged) {
+        if (cacheObject) {
+            cacheObject->DropClean();
+        } else {
+            cacheStale_ = true;
+        }
+    }
+    if (!oldKey.empty()) {
+        const std::wstring newPath = BuildPathForCache('\\');
+        if (CacheKey(newPath) != oldKey) {
+            Rehash(oldKey, newPath, extra.c_str());
+            std::lock_guard<std::mutex> lock(dataMutex_);
+            cacheKey_ = CacheKey(newPath);
+        }
+    }
+}
