@@ -10,7 +10,7 @@
 namespace {
 
 class CountingJob : public IAsyncObj {
-public:
+  public:
     void Process(void* context) override { processed.push_back(context); }
     void Canceled(void* context) override { canceled.push_back(context); }
     std::vector<void*> processed;
@@ -19,22 +19,23 @@ public:
 
 // Holds jobs until the test runs them, or refuses them all.
 class HoldingQueue : public IAsyncQ {
-public:
+  public:
     explicit HoldingQueue(AERROR answer = SUCCESS) : answer_(answer) {}
     void Stop() override {}
     AERROR Queue(IAsyncObj* job, void* context) override {
-        if (answer_ == SUCCESS) held.emplace_back(job, context);
+        if (answer_ == SUCCESS)
+            held.emplace_back(job, context);
         return answer_;
     }
     void Drain() override {}
     std::vector<std::pair<IAsyncObj*, void*>> held;
 
-private:
+  private:
     AERROR answer_;
 };
 
 class QueueAsyncTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { FS_UnbindAsyncQ(); }
 };
 
@@ -71,6 +72,8 @@ TEST_F(QueueAsyncTest, AJobTheQueueRefusesStillRunsInline) {
     EXPECT_EQ(job.processed[0], reinterpret_cast<void*>(1));
 }
 
-TEST(LogTest, NullLoggerIsIgnored) { __LOG__A(nullptr, LL_ERROR, "[FILESYSTEM] %s", "dropped"); }
+TEST(LogTest, NullLoggerIsIgnored) {
+    __LOG__A(nullptr, LL_ERROR, "[FILESYSTEM] %s", "dropped");
+}
 
 }  // namespace

@@ -14,7 +14,7 @@
 namespace {
 
 class RecordingLog : public ILog {
-public:
+  public:
     bool IsEnabled(LOGLEVEL) override { return true; }
     void LogV(LOGLEVEL level, const char* format, va_list args) override {
         char line[1024];
@@ -28,18 +28,19 @@ public:
     }
     bool Has(LOGLEVEL level, const std::string& text) {
         for (const auto& [l, line] : Lines()) {
-            if (l == level && line == text) return true;
+            if (l == level && line == text)
+                return true;
         }
         return false;
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::vector<std::pair<LOGLEVEL, std::string>> lines_;
 };
 
 class InlineQueue : public IAsyncQ {
-public:
+  public:
     void Stop() override {}
     AERROR Queue(IAsyncObj* job, void* context) override {
         job->Process(context);
@@ -49,7 +50,7 @@ public:
 };
 
 class NoCache : public ICacheService {
-public:
+  public:
     AERROR GetUsage(unsigned long long* used, unsigned long long* unsent) override {
         *used = *unsent = 0;
         return SUCCESS;
@@ -64,7 +65,7 @@ public:
 };
 
 class PublicApiTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override {
         FS_UnbindLogger();
         FS_UnbindAsyncQ();

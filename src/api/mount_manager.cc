@@ -17,10 +17,12 @@ namespace {
 
 // Whether the configuration text asks for other users to reach the volume.
 bool WantsAllowOther(const char* configuration) {
-    if (configuration == nullptr) return false;
+    if (configuration == nullptr)
+        return false;
     try {
         JsonObject json(configuration);
-        if (!json.HasObject("/fuse/allow_other")) return false;
+        if (!json.HasObject("/fuse/allow_other"))
+            return false;
         JsonObject value = json.GetObject("/fuse/allow_other");
         const std::string text = value;
         return text == "1" || text == "true";
@@ -41,15 +43,20 @@ struct MountManager::MountData {
 
     void SetExportService(IExportService* service) {
         exportService = std::shared_ptr<IExportService>(service, [](IExportService* s) {
-            if (s != nullptr) s->Release();
+            if (s != nullptr)
+                s->Release();
         });
     }
 
     ~MountData() {
-        if (thread && thread->joinable()) thread->join();
-        if (fileSystem) fileSystem->Finalize();
-        if (IAsyncQ* queue = aq) queue->Drain();
-        if (fileSystem) fileSystem->Destroy();
+        if (thread && thread->joinable())
+            thread->join();
+        if (fileSystem)
+            fileSystem->Finalize();
+        if (IAsyncQ* queue = aq)
+            queue->Drain();
+        if (fileSystem)
+            fileSystem->Destroy();
         exportService.reset();
         fileSystem.reset();
         notifier.reset();
@@ -57,7 +64,9 @@ struct MountManager::MountData {
     }
 };
 
-MountManager::MountManager() { mounts_.max_load_factor(1.0); }
+MountManager::MountManager() {
+    mounts_.max_load_factor(1.0);
+}
 MountManager::~MountManager() = default;
 
 MountManager& MountManager::GetInstance() {
@@ -83,21 +92,23 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
     const std::string point = mountPoint != nullptr ? mountPoint : "";
     const std::string volume = volumeName != nullptr ? volumeName : "";
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Mount Drive %s", point.c_str());
-    if (productname.empty()) return FS_INITIALIZE_FIRST;
+    if (productname.empty())
+        return FS_INITIALIZE_FIRST;
 
     std::lock_guard<std::mutex> lock(mutex_);
-    if (outFs == nullptr || point.empty()) return INVALID_PARAMETER;
+    if (outFs == nullptr || point.empty())
+        return INVALID_PARAMETER;
     {
         std::lock_guard<std::mutex> table(tableMutex_);
         if (mounts_.count(point) != 0) {
-            __LOG__A(CurrentLogger(), LL_WARNING, "[FILESYSTEM] %s already mounted",
-                     point.c_str());
+            __LOG__A(CurrentLogger(), LL_WARNING, "[FILESYSTEM] %s already mounted", point.c_str());
             return FS_ALREADY_MOUNTED;
         }
     }
     const std::wstring widePoint = s2ws(point);
     IExportService* service = CreateExportService(serviceType);
-    if (service == nullptr) return NOT_SUPPORTED;
+    if (service == nullptr)
+        return NOT_SUPPORTED;
 
     auto data = std::make_shared<MountData>();
     data->SetExportService(service);
@@ -116,11 +127,12 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
     }
     data->mountPoint = widePoint;
     data->volumeName = s2ws(volume);
-    data->fileSystem = std::make_shared<FileSystem>(widePoint, volume, point,
-                                                    static_cast<FS_FEATURE>(features));
+    data->fileSystem =
+        std::make_shared<FileSystem>(widePoint, volume, point, static_cast<FS_FEATURE>(features));
     if (configuration != nullptr) {
         const AERROR result = data->fileSystem->SetConfiguration(configuration);
-        if (result != SUCCESS) return result;
+        if (result != SUCCESS)
+            return result;
     }
     service->SetFileSystem(data->fileSystem.get());
     data->notifier = std::make_shared<NotifyExportService>(service, widePoint);
@@ -128,7 +140,8 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
     *outFs = data->fileSystem.get();
     data->fileSystem->SetNotifier(data->notifier.get());
 
-    if (service->GetDriverState() != 0) return FS_DRIVER_ERROR;
+    if (service->GetDriverState() != 0)
+        return FS_DRIVER_ERROR;
     MountParameter parameter;
     parameter.type = type;
     parameter.allowOther = WantsAllowOther(configuration);
@@ -148,21 +161,24 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
 }
 
 AERROR MountManager::Unmount(const char* mountPoint, bool force) {
-    if (productname.empty()) return FS_INITIALIZE_FIRST;
+    if (productname.empty())
+        return FS_INITIALIZE_FIRST;
     const std::string point = mountPoint != nullptr ? mountPoint : "";
     std::lock_guard<std::mutex> lock(mutex_);
     std::shared_ptr<MountData> data;
     {
         std::lock_guard<std::mutex> table(tableMutex_);
         auto it = mounts_.find(point);
-        if (it != mounts_.end()) data = it->second;
+        if (it != mounts_.end())
+            data = it->second;
     }
     if (!data) {
         __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] %s not mounted", point.c_str());
         return FS_INVALID_LETTER;
     }
     if (data->fileSystem->CountUploadings() > 0) {
-        if (!force) return FS_UNMOUNT_EXIST_UPLOADING;
+        if (!force)
+            return FS_UNMOUNT_EXIST_UPLOADING;
         data->fileSystem->CancelUploadings();
     }
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Unmounting %s...", point.c_str());

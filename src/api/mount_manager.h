@@ -19,7 +19,7 @@ class IExportService;
 // thread, finalises and destroys the file system, and removes the mount
 // point directory.
 class MountManager {
-public:
+  public:
     static MountManager& GetInstance();
 
     // `configuration`, when not null, is a JSON text given to the new file
@@ -34,7 +34,7 @@ public:
     // Starts the finalising thread of `mountPoint` and returns at once.
     void UnmountFinalize(const char* mountPoint);
 
-private:
+  private:
     struct MountData;
 
     MountManager();
