@@ -23,8 +23,7 @@ class HoldingQueue : public IAsyncQ {
     explicit HoldingQueue(AERROR answer = SUCCESS) : answer_(answer) {}
     void Stop() override {}
     AERROR Queue(IAsyncObj* job, void* context) override {
-        if (answer_ == SUCCESS)
-            held.emplace_back(job, context);
+        if (answer_ == SUCCESS) held.emplace_back(job, context);
         return answer_;
     }
     void Drain() override {}

@@ -22,8 +22,7 @@ namespace {
 class CountingNotifier : public INotifier {
   public:
     int ChangeNotify(NOTIFYEVENT event, unsigned int, const void*, const void*) override {
-        if (event == NE_DRIVE_REMOVE)
-            ++driveRemoved;
+        if (event == NE_DRIVE_REMOVE) ++driveRemoved;
         return 0;
     }
     std::atomic<int> driveRemoved{0};
@@ -33,8 +32,7 @@ class CountingNotifier : public INotifier {
 class ThrowingProtocol : public MemoryProtocol {
   public:
     unsigned int GetCapabilities() override {
-        if (throwing)
-            throw std::runtime_error("protocol exploded");
+        if (throwing) throw std::runtime_error("protocol exploded");
         return MemoryProtocol::GetCapabilities();
     }
     std::atomic<bool> throwing{false};
@@ -62,8 +60,7 @@ class MountTest : public ::testing::Test {
     // Mounts with one in-memory protocol holding a file.
     IFileSystem_V2* MountWithProtocol(MOUNTTYPE type = MT_DEFAULT) {
         IFileSystem_V2* fs = nullptr;
-        if (Mount(point_.c_str(), "Test", type, &fs, nullptr, nullptr) != SUCCESS)
-            return nullptr;
+        if (Mount(point_.c_str(), "Test", type, &fs, nullptr, nullptr) != SUCCESS) return nullptr;
         protocol_ = std::make_shared<MemoryProtocol>();
         protocol_->AddFile("/hello.txt", "hello");
         fs->AddProtocol(protocol_, "memory");
@@ -80,8 +77,7 @@ class MountTest : public ::testing::Test {
 #define REQUIRE_KERNEL_MOUNT()                            \
     do {                                                  \
         const std::string why = KernelMountUnavailable(); \
-        if (!why.empty())                                 \
-            GTEST_SKIP() << why;                          \
+        if (!why.empty()) GTEST_SKIP() << why;            \
     } while (0)
 
 TEST_F(MountTest, VolumeComesUpServesOtherProcessesAndGoesDownOnUnmount) {
@@ -135,8 +131,7 @@ TEST_F(MountTest, RefusesASecondMountAndOneDuringUnmountingLeavingTheFirstWorkin
     // lazily and the mount stays in the table until the process leaves.
     const pid_t holder = fork();
     if (holder == 0) {
-        if (chdir(point_.c_str()) != 0)
-            _exit(1);
+        if (chdir(point_.c_str()) != 0) _exit(1);
         execlp("sleep", "sleep", "30", static_cast<char*>(nullptr));
         _exit(1);
     }
@@ -249,7 +244,8 @@ TEST(MountArgumentsTest, BothPlatformListsAreExact) {
                                           "-ovolname=My Drive"};
     EXPECT_EQ(BuildMountArguments(parameter, MountPlatform::kMacOS), mac);
     const std::vector<std::string> linux = {"skarvo",         "/Volumes/Drive", "-ofsname=skfs",
-                                            "-osubtype=skfs", "-ohard_remove",  "-obig_writes"};
+                                            "-osubtype=skfs", "-ohard_remove",  "-obig_writes",
+                                            "-ouse_ino"};
     EXPECT_EQ(BuildMountArguments(parameter, MountPlatform::kLinux), linux);
 
     parameter.type = MT_READ_ONLY;
@@ -260,8 +256,8 @@ TEST(MountArgumentsTest, BothPlatformListsAreExact) {
     EXPECT_EQ(macReadOnly[9], "-ovolname=");
     EXPECT_EQ(macReadOnly.back(), "-oro");
     auto linuxReadOnly = BuildMountArguments(parameter, MountPlatform::kLinux);
-    ASSERT_EQ(linuxReadOnly.size(), 8u);
-    EXPECT_EQ(linuxReadOnly[6], "-oallow_other");
+    ASSERT_EQ(linuxReadOnly.size(), 9u);
+    EXPECT_EQ(linuxReadOnly[7], "-oallow_other");
     EXPECT_EQ(linuxReadOnly.back(), "-oro");
 }
 

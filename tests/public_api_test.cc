@@ -28,8 +28,7 @@ class RecordingLog : public ILog {
     }
     bool Has(LOGLEVEL level, const std::string& text) {
         for (const auto& [l, line] : Lines()) {
-            if (l == level && line == text)
-                return true;
+            if (l == level && line == text) return true;
         }
         return false;
     }

@@ -20,7 +20,7 @@
 // The queue never deletes a job: the library owns its jobs and keeps them
 // alive until Process or Canceled has returned.
 class IAsyncObj {
-public:
+  public:
     virtual void Process(void* context) = 0;
     virtual void Canceled(void* context) = 0;
     virtual ~IAsyncObj() = default;
@@ -50,7 +50,7 @@ public:
 //        mounts' long-running jobs keep running.
 //   3, 4  destructors.
 class IAsyncQ {
-public:
+  public:
     virtual void Stop() = 0;
     virtual AERROR Queue(IAsyncObj* job, void* context) = 0;
     virtual void Drain() = 0;

@@ -13,10 +13,10 @@ class IFetch;
 
 // One read request and its result.
 struct _READDATA {
-    void* buffer = nullptr;  // where the data is copied
-    int64_t offset = 0;      // file offset of the first byte wanted
-    uint64_t size = 0;       // bytes wanted; an implementation may lower it
-    int64_t read = 0;        // out: bytes delivered; 0 at the end of the data
+    void* buffer = nullptr;              // where the data is copied
+    int64_t offset = 0;                  // file offset of the first byte wanted
+    uint64_t size = 0;                   // bytes wanted; an implementation may lower it
+    int64_t read = 0;                    // out: bytes delivered; 0 at the end of the data
     std::shared_ptr<_FS_HANDLE> handle;  // the open handle the read is made for
     int64_t fileSize = 0;                // the file's size when the request was made
     IFetch* fetch = nullptr;  // fills missing data from the remote; null: nothing to fetch
@@ -42,7 +42,7 @@ struct _WRITEDATA {
 //   1  Write(request) -> AERROR    fills request->written
 //   2, 3  destructors.
 class ICacheIO {
-public:
+  public:
     virtual AERROR Read(_READDATA* request) = 0;
     virtual AERROR Write(_WRITEDATA* request) = 0;
     virtual ~ICacheIO() = default;
@@ -54,7 +54,7 @@ public:
 //        not null) to the bytes taken. A failure aborts the download.
 //   1, 2  destructors.
 class IFetchCallback {
-public:
+  public:
     virtual AERROR FetchWrite(long long offset, const char* data, long size, long* written) = 0;
     virtual ~IFetchCallback() = default;
 };
@@ -64,11 +64,11 @@ public:
 // into `callback`, on behalf of `handle` (a fetch without a handle fails).
 //   0  Fetch(offset, size, handle, callback) -> AERROR
 class IFetch {
-public:
+  public:
     virtual AERROR Fetch(long long offset, long long size, std::shared_ptr<_FS_HANDLE> handle,
                          IFetchCallback* callback) = 0;
 
-protected:
+  protected:
     // Not deleted through this interface: nodes own themselves.
     ~IFetch() = default;
 };
@@ -108,7 +108,7 @@ protected:
 //        so that the next read fetches the remote content again.
 //   8, 9  destructors.
 class ICacheObj : public ICacheIO {
-public:
+  public:
     virtual AERROR Reopen(char mode, long long size, IFetch* fetcher) = 0;
     virtual AERROR SetSize(long long size) = 0;
     virtual AERROR FillUnwritten(std::shared_ptr<_FS_HANDLE> handle) = 0;
@@ -141,7 +141,7 @@ public:
 //        protocol's opaque text of the file (its record's `extra`).
 //   6, 7  destructors.
 class ICacheService {
-public:
+  public:
     virtual AERROR GetUsage(unsigned long long* used, unsigned long long* unsent) = 0;
     virtual AERROR Flush() = 0;
     virtual AERROR Remove(const char* key) = 0;

@@ -15,10 +15,10 @@ constexpr int FSEVENT_MOVE_FAILED = 6;           // moving an item
 constexpr int FSEVENT_RENAME_FAILED = 7;         // renaming an item
 
 // Kinds of outcomes reported through IFSEvent::Notice.
-constexpr int FSNOTICE_RENAMED = 1;          // a rename or move completed
-constexpr int FSNOTICE_UPLOAD_DECIDED = 2;   // the host's answer to a failed upload was carried out
-constexpr int FSNOTICE_SAVED_TO_FILE = 3;    // cached content was saved to a local file
-constexpr int FSNOTICE_SAVE_FAILED = 4;      // saving cached content to a local file failed
+constexpr int FSNOTICE_RENAMED = 1;         // a rename or move completed
+constexpr int FSNOTICE_UPLOAD_DECIDED = 2;  // the host's answer to a failed upload was carried out
+constexpr int FSNOTICE_SAVED_TO_FILE = 3;   // cached content was saved to a local file
+constexpr int FSNOTICE_SAVE_FAILED = 4;     // saving cached content to a local file failed
 
 // Answers of IFSEvent::AskUploadFailure.
 constexpr int UPLOAD_ANSWER_CANCEL = 1;  // give up: the remote file stays as it was
@@ -54,15 +54,15 @@ constexpr int UPLOAD_ANSWER_SAVE = 3;    // save the data to the local file writ
 //        An upload sent `done` of `total` bytes, at `rate` bytes a second.
 //   4, 5  destructors.
 class IFSEvent {
-public:
+  public:
     virtual void Error(int kind, AERROR code, const char* localPath, const char* originPath,
                        void* cookie) = 0;
     virtual void Notice(int kind, const char* localPath, const char* originPath,
                         const char* printPath) = 0;
     virtual int AskUploadFailure(AERROR code, const char* localPath, char* answerPath,
                                  unsigned long answerLength) = 0;
-    virtual void Progress(const char* localPath, unsigned long long done,
-                          unsigned long long total, double rate) = 0;
+    virtual void Progress(const char* localPath, unsigned long long done, unsigned long long total,
+                          double rate) = 0;
     virtual ~IFSEvent() = default;
 };
 

@@ -24,9 +24,9 @@ class IExportService;
 // Mount request bits given to Mount. Bits not listed are carried unread.
 enum MOUNTTYPE : uint32_t {
     MT_DEFAULT = 0,
-    MT_READ_ONLY = 0x10000,         // the volume is mounted read-only
-    MT_NO_ASYNC_UPLOAD = 0x20000,   // close() returns only after the upload
-    MT_REALTIME_UPLOAD = 0x40000,   // real-time upload for the filter's processes
+    MT_READ_ONLY = 0x10000,        // the volume is mounted read-only
+    MT_NO_ASYNC_UPLOAD = 0x20000,  // close() returns only after the upload
+    MT_REALTIME_UPLOAD = 0x40000,  // real-time upload for the filter's processes
 };
 inline MOUNTTYPE operator|(MOUNTTYPE a, MOUNTTYPE b) {
     return static_cast<MOUNTTYPE>(static_cast<uint32_t>(a) | static_cast<uint32_t>(b));
@@ -126,7 +126,7 @@ struct FS_DIR_ENTRY {
 //  46, 47  destructors
 //  48  SetNotifier(notifier)                    the host's change notifier
 class IFileSystem_V2 {
-public:
+  public:
     virtual int GetInterfaceVersion() { return 2; }
     virtual AERROR SetFSName(const char* name) = 0;
     virtual AERROR SetVolName(const char* name) = 0;
@@ -148,11 +148,9 @@ public:
     virtual void QueueFile(std::shared_ptr<File> file) = 0;
     virtual std::string GetLetter() = 0;
     virtual std::string GetVolumeLabel() = 0;
-    virtual int Create(const char* path, unsigned short mode, int flags,
-                       unsigned long long& handle, IExportService* service,
-                       std::string process) = 0;
-    virtual int MakeNode(const char* path, unsigned short mode, int dev,
-                         std::string process) = 0;
+    virtual int Create(const char* path, unsigned short mode, int flags, unsigned long long& handle,
+                       IExportService* service, std::string process) = 0;
+    virtual int MakeNode(const char* path, unsigned short mode, int dev, std::string process) = 0;
     virtual int MakeDir(const char* path, unsigned short mode, std::string process) = 0;
     virtual int Open(const char* path, int flags, unsigned long long& handle,
                      std::string process) = 0;
@@ -166,15 +164,15 @@ public:
     virtual int ReadDir(const char* path, std::list<FS_DIR_ENTRY>& entries,
                         std::string process) = 0;
     virtual int Ftruncate(unsigned long long handle, long long size, std::string process) = 0;
-    virtual int UtimeNs(const char* path, const struct timespec times[2],
-                        unsigned long long handle, std::string process) = 0;
+    virtual int UtimeNs(const char* path, const struct timespec times[2], unsigned long long handle,
+                        std::string process) = 0;
     virtual std::string GetMountPoint() = 0;
     virtual int Access(const char* path, int mask, std::string process) = 0;
     virtual int Unlink(const char* path, std::string process) = 0;
     virtual int RemoveDir(const char* path, std::string process) = 0;
     virtual int Rename(const char* from, const char* to, std::string process) = 0;
-    virtual int Read(unsigned long long handle, char* buffer, unsigned long size,
-                     long long offset, IExportService* service, std::string process) = 0;
+    virtual int Read(unsigned long long handle, char* buffer, unsigned long size, long long offset,
+                     IExportService* service, std::string process) = 0;
     virtual int Write(unsigned long long handle, const char* buffer, unsigned long size,
                       long long offset, IExportService* service, std::string process) = 0;
     virtual int ChangeMode(const char* path, unsigned short mode, IExportService* service,

@@ -16,7 +16,7 @@
 //        (only on mounts with real-time upload). Must not throw.
 //   3, 4  destructors.
 class IFSFilter {
-public:
+  public:
     virtual void Release() { delete this; }
     virtual bool IsOfflineOnly(const char* processName, const char* fileName) = 0;
     virtual bool IsRealtimeUploadProcess(const char* processName) noexcept = 0;

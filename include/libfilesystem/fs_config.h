@@ -29,10 +29,10 @@ struct _FS_CONFIG {
 // The source of a file system's timing values.
 //   0  GetConfig() -> _FS_CONFIG    a copy of the current values
 class IFSConfig {
-public:
+  public:
     virtual _FS_CONFIG GetConfig() = 0;
 
-protected:
+  protected:
     ~IFSConfig() = default;
 };
 

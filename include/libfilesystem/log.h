@@ -31,7 +31,7 @@ enum LOGLEVEL : int {
 //        stamps and level words are the host's to add.
 //   3, 4  destructors.
 class ILog {
-public:
+  public:
     virtual bool IsEnabled(LOGLEVEL level) = 0;
     virtual void Log(LOGLEVEL level, const char* format, ...)
         __attribute__((format(printf, 3, 4))) {

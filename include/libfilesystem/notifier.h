@@ -30,7 +30,7 @@ enum NOTIFYEVENT : unsigned int {
 //        system. Answers 0.
 //   1, 2  destructors.
 class INotifier {
-public:
+  public:
     virtual int ChangeNotify(NOTIFYEVENT event, unsigned int flags, const void* item1,
                              const void* item2) = 0;
     virtual ~INotifier() = default;

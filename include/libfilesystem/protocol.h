@@ -33,7 +33,7 @@ constexpr unsigned int PROTOCOL_CAP_SERVER_TIME_OFFSET = 0x800;
 //   0  AddFile(record) -> AERROR    one entry; the record is copied
 //   1, 2  destructors.
 class IFileList {
-public:
+  public:
     virtual AERROR AddFile(const _FS_FILE_V2* record) = 0;
     virtual ~IFileList() = default;
 };
@@ -45,13 +45,13 @@ public:
 //   2  Changed(key, record)   the item `key` has a new record
 //   3  Refresh(key)           the folder changed in ways not reported: list it again
 class IFileChanges {
-public:
+  public:
     virtual AERROR Added(const char* key, _FS_FILE_V2* record) = 0;
     virtual AERROR Removed(const char* key, const char* name) = 0;
     virtual AERROR Changed(const char* key, _FS_FILE_V2* record) = 0;
     virtual AERROR Refresh(const char* key) = 0;
 
-protected:
+  protected:
     // Not deleted through this interface: nodes own themselves.
     ~IFileChanges() = default;
 };
@@ -142,7 +142,7 @@ struct _TRANSFERPROGRESS {
 //        buffer's size on entry and the text's length on return.
 //  25, 26  destructors.
 class IProtocol_V2 {
-public:
+  public:
     virtual AERROR Connect() { return SUCCESS; }
     virtual AERROR GetIdentity(char* buffer, unsigned long length) = 0;
     virtual AERROR GetQuota(unsigned long long* total, unsigned long long* used) = 0;
@@ -152,8 +152,8 @@ public:
                             void** cookie) = 0;
     virtual AERROR ListFolder(const char* key, IFileList* sink, void** cookie) = 0;
     virtual AERROR GetChanges(IFileChanges* sink, void** cookie) = 0;
-    virtual AERROR CopyItem(const char* /*key*/, const char* /*parentKey*/,
-                            _FS_FILE_V2* /*record*/, void** /*cookie*/) {
+    virtual AERROR CopyItem(const char* /*key*/, const char* /*parentKey*/, _FS_FILE_V2* /*record*/,
+                            void** /*cookie*/) {
         return NOT_SUPPORTED;
     }
     virtual AERROR RenameItem(const char* key, const char* parentKey, _FS_FILE_V2* record,
@@ -165,8 +165,7 @@ public:
     virtual AERROR CreateFolder(const char* parentKey, _FS_FILE_V2* record, void** cookie) = 0;
     virtual AERROR DeleteItem(const _FS_FILE_V2* record, void** cookie) = 0;
     virtual AERROR DeleteFolder(const _FS_FILE_V2* record, void** cookie) = 0;
-    virtual AERROR GetItemByPath(const char* /*path*/, _FS_FILE_V2* /*record*/,
-                                 void** /*cookie*/) {
+    virtual AERROR GetItemByPath(const char* /*path*/, _FS_FILE_V2* /*record*/, void** /*cookie*/) {
         return NOT_SUPPORTED;
     }
     virtual AERROR UploadItem(const char* parentKey, std::shared_ptr<_FS_HANDLE> handle,

@@ -6,15 +6,13 @@
 #include "libfilesystem/entry_points.h"
 
 void QueueAsync(IAsyncObj* job, void* context) {
-    if (job == nullptr)
-        return;
+    if (job == nullptr) return;
     AERROR refused = SUCCESS;
     {
         std::lock_guard<std::mutex> lock(aql);
         if (aq != nullptr) {
             refused = aq->Queue(job, context);
-            if (refused == SUCCESS)
-                return;
+            if (refused == SUCCESS) return;
         }
     }
     if (refused != SUCCESS) {

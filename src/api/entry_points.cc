@@ -11,8 +11,7 @@
 extern "C" {
 
 LIBFS_API int FS_BindLogger(int kind, ILog* log) {
-    if (log == nullptr)
-        return 0;
+    if (log == nullptr) return 0;
     std::lock_guard<std::mutex> lock(ll);
     if (kind == FS_LOGGER_MAIN) {
         logger = log;
@@ -23,16 +22,14 @@ LIBFS_API int FS_BindLogger(int kind, ILog* log) {
 }
 
 LIBFS_API int FS_BindAsyncQ(IAsyncQ* queue) {
-    if (queue == nullptr)
-        return 0;
+    if (queue == nullptr) return 0;
     std::lock_guard<std::mutex> lock(aql);
     aq = queue;
     return 1;
 }
 
 LIBFS_API int FS_BindCache(ICacheService* service) {
-    if (service == nullptr)
-        return 0;
+    if (service == nullptr) return 0;
     std::lock_guard<std::mutex> lock(cl);
     cache = service;
     return 1;
@@ -55,8 +52,7 @@ LIBFS_API void FS_UnbindCache() {
 }
 
 LIBFS_API AERROR FS_Initialize(const char* product) {
-    if (product == nullptr)
-        return INVALID_PARAMETER;
+    if (product == nullptr) return INVALID_PARAMETER;
     productname = product;
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] FS_Initilize");
     return SUCCESS;
@@ -73,8 +69,7 @@ LIBFS_API AERROR Unmount(const char* mountPoint, bool force) {
 }
 
 LIBFS_API IFileSystem_V2* FS_GetFileSystemImpl(const char* mountPoint) {
-    if (mountPoint == nullptr)
-        return nullptr;
+    if (mountPoint == nullptr) return nullptr;
     return MountManager::GetInstance().GetFileSystem(std::string(mountPoint));
 }
 

@@ -6,8 +6,7 @@
 #include "libfilesystem/entry_points.h"
 
 void __LOG__A(ILog* log, LOGLEVEL level, const char* format, ...) {
-    if (log == nullptr)
-        return;
+    if (log == nullptr) return;
     va_list args;
     va_start(args, format);
     log->LogV(level, format, args);

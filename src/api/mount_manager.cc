@@ -17,12 +17,10 @@ namespace {
 
 // Whether the configuration text asks for other users to reach the volume.
 bool WantsAllowOther(const char* configuration) {
-    if (configuration == nullptr)
-        return false;
+    if (configuration == nullptr) return false;
     try {
         JsonObject json(configuration);
-        if (!json.HasObject("/fuse/allow_other"))
-            return false;
+        if (!json.HasObject("/fuse/allow_other")) return false;
         JsonObject value = json.GetObject("/fuse/allow_other");
         const std::string text = value;
         return text == "1" || text == "true";
@@ -43,25 +41,32 @@ struct MountManager::MountData {
 
     void SetExportService(IExportService* service) {
         exportService = std::shared_ptr<IExportService>(service, [](IExportService* s) {
-            if (s != nullptr)
-                s->Release();
+            if (s != nullptr) s->Release();
         });
     }
 
-    ~MountData() {
-        if (thread && thread->joinable())
-            thread->join();
-        if (fileSystem)
-            fileSystem->Finalize();
-        if (IAsyncQ* queue = aq)
-            queue->Drain();
-        if (fileSystem)
-            fileSystem->Destroy();
+    // Joins the mount thread, finalises and destroys the file system, and
+    // releases the rest; runs once.
+    void Close() {
+        if (closed) return;
+        closed = true;
+        if (thread && thread->joinable()) thread->join();
+        if (fileSystem) fileSystem->Finalize();
+        if (IAsyncQ* queue = aq) queue->Drain();
+        if (fileSystem) fileSystem->Destroy();
         exportService.reset();
-        fileSystem.reset();
         notifier.reset();
         thread.reset();
     }
+
+    // The file system object itself goes last: lookups in the table may
+    // still read its address while the entry is being closed.
+    ~MountData() {
+        Close();
+        fileSystem.reset();
+    }
+
+    bool closed = false;
 };
 
 MountManager::MountManager() {
@@ -92,12 +97,10 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
     const std::string point = mountPoint != nullptr ? mountPoint : "";
     const std::string volume = volumeName != nullptr ? volumeName : "";
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Mount Drive %s", point.c_str());
-    if (productname.empty())
-        return FS_INITIALIZE_FIRST;
+    if (productname.empty()) return FS_INITIALIZE_FIRST;
 
     std::lock_guard<std::mutex> lock(mutex_);
-    if (outFs == nullptr || point.empty())
-        return INVALID_PARAMETER;
+    if (outFs == nullptr || point.empty()) return INVALID_PARAMETER;
     {
         std::lock_guard<std::mutex> table(tableMutex_);
         if (mounts_.count(point) != 0) {
@@ -107,8 +110,7 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
     }
     const std::wstring widePoint = s2ws(point);
     IExportService* service = CreateExportService(serviceType);
-    if (service == nullptr)
-        return NOT_SUPPORTED;
+    if (service == nullptr) return NOT_SUPPORTED;
 
     auto data = std::make_shared<MountData>();
     data->SetExportService(service);
@@ -131,8 +133,7 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
         std::make_shared<FileSystem>(widePoint, volume, point, static_cast<FS_FEATURE>(features));
     if (configuration != nullptr) {
         const AERROR result = data->fileSystem->SetConfiguration(configuration);
-        if (result != SUCCESS)
-            return result;
+        if (result != SUCCESS) return result;
     }
     service->SetFileSystem(data->fileSystem.get());
     data->notifier = std::make_shared<NotifyExportService>(service, widePoint);
@@ -140,8 +141,7 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
     *outFs = data->fileSystem.get();
     data->fileSystem->SetNotifier(data->notifier.get());
 
-    if (service->GetDriverState() != 0)
-        return FS_DRIVER_ERROR;
+    if (service->GetDriverState() != 0) return FS_DRIVER_ERROR;
     MountParameter parameter;
     parameter.type = type;
     parameter.allowOther = WantsAllowOther(configuration);
@@ -161,24 +161,21 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
 }
 
 AERROR MountManager::Unmount(const char* mountPoint, bool force) {
-    if (productname.empty())
-        return FS_INITIALIZE_FIRST;
+    if (productname.empty()) return FS_INITIALIZE_FIRST;
     const std::string point = mountPoint != nullptr ? mountPoint : "";
     std::lock_guard<std::mutex> lock(mutex_);
     std::shared_ptr<MountData> data;
     {
         std::lock_guard<std::mutex> table(tableMutex_);
         auto it = mounts_.find(point);
-        if (it != mounts_.end())
-            data = it->second;
+        if (it != mounts_.end()) data = it->second;
     }
     if (!data) {
         __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] %s not mounted", point.c_str());
         return FS_INVALID_LETTER;
     }
     if (data->fileSystem->CountUploadings() > 0) {
-        if (!force)
-            return FS_UNMOUNT_EXIST_UPLOADING;
+        if (!force) return FS_UNMOUNT_EXIST_UPLOADING;
         data->fileSystem->CancelUploadings();
     }
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Unmounting %s...", point.c_str());
@@ -211,14 +208,13 @@ void MountManager::Finalize(std::string mountPoint) {
         {
             std::lock_guard<std::mutex> table(tableMutex_);
             auto it = mounts_.find(mountPoint);
-            if (it != mounts_.end()) {
-                data = std::move(it->second);
-                mounts_.erase(it);
-            }
+            if (it != mounts_.end()) data = it->second;
         }
-        // Dropping the entry joins the mount thread and tears the file
-        // system down.
-        data.reset();
+        // The entry leaves the table only once its teardown is complete, so
+        // that a host seeing no file system at the point knows it is gone.
+        if (data) data->Close();
+        std::lock_guard<std::mutex> table(tableMutex_);
+        mounts_.erase(mountPoint);
     }
     rmdir(mountPoint.c_str());
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s unmounted", mountPoint.c_str());

@@ -8,8 +8,7 @@
 std::string CacheKey(const std::wstring& path) {
     std::string key = ws2s(path);
     for (char& c : key) {
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     }
     return key;
 }
@@ -17,24 +16,20 @@ std::string CacheKey(const std::wstring& path) {
 std::shared_ptr<ICacheObj> GetCacheObj(const std::wstring& path, char mode, long long size,
                                        IFetch* fetcher) {
     std::lock_guard<std::mutex> lock(cl);
-    if (cache == nullptr)
-        return nullptr;
+    if (cache == nullptr) return nullptr;
     return cache->Open(CacheKey(path).c_str(), mode, size, fetcher);
 }
 
 void CloseCacheObj(const std::string& key) {
     std::lock_guard<std::mutex> lock(cl);
-    if (cache != nullptr)
-        cache->Close(key.c_str());
+    if (cache != nullptr) cache->Close(key.c_str());
 }
 
 void Rehash(const std::string& oldKey, const std::wstring& newPath, const char* extra) {
     std::lock_guard<std::mutex> lock(cl);
-    if (cache == nullptr)
-        return;
+    if (cache == nullptr) return;
     const std::string newKey = CacheKey(newPath);
-    if (newKey == oldKey)
-        return;
+    if (newKey == oldKey) return;
     cache->Rekey(oldKey.c_str(), newKey.c_str(), extra != nullptr ? extra : "");
 }
 

@@ -85,8 +85,7 @@ int FUSE_releasedir(const char* path, fuse_file_info* fi) {
 // The context's private data is cleared while FUSE tears down: the service
 // comes as the argument instead.
 void FUSE_destroy(void* data) {
-    if (data != nullptr)
-        static_cast<ExportServiceFUSE*>(data)->destroy();
+    if (data != nullptr) static_cast<ExportServiceFUSE*>(data)->destroy();
 }
 int FUSE_create(const char* path, mode_t mode, fuse_file_info* fi) {
     return Service()->create(path, mode, fi);
@@ -125,11 +124,9 @@ std::string FindConnection(const std::string& mountPoint) {
         std::istringstream fields(line);
         std::string id, parent, device, root, point;
         fields >> id >> parent >> device >> root >> point;
-        if (point != wanted)
-            continue;
+        if (point != wanted) continue;
         const size_t colon = device.find(':');
-        if (colon != std::string::npos)
-            found = device.substr(colon + 1);
+        if (colon != std::string::npos) found = device.substr(colon + 1);
     }
     return found;
 }
@@ -153,10 +150,8 @@ bool RunFusermount(std::vector<std::string> arguments) {
 
 std::string LowerProcessName(std::string name) {
     for (char& c : name) {
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-        if (c == '\\')
-            c = '/';
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c == '\\') c = '/';
     }
     return name;
 }
@@ -170,10 +165,8 @@ ExportServiceFUSE::ExportServiceFUSE() {
 ExportServiceFUSE::~ExportServiceFUSE() {
     // Only a mount whose loop never ran gets here with FUSE state left.
     unmountCallback_ = nullptr;
-    if (channel_ != nullptr)
-        fuse_unmount(fusePoint_, channel_);
-    if (fuse_ != nullptr)
-        fuse_destroy(fuse_);
+    if (channel_ != nullptr) fuse_unmount(fusePoint_, channel_);
+    if (fuse_ != nullptr) fuse_destroy(fuse_);
     free(fusePoint_);
 }
 
@@ -260,8 +253,7 @@ int ExportServiceFUSE::Mount(MountParameter& parameter) {
 
 void ExportServiceFUSE::Wait() {
     fuse* handle = fuse_;
-    if (handle == nullptr)
-        return;
+    if (handle == nullptr) return;
     fuse_loop_mt(handle);
     // The kernel dropped the volume (Unmount, or an unmount from a shell).
     // Release the channel, then destroy the FUSE object: that runs the
@@ -281,15 +273,13 @@ void ExportServiceFUSE::Unmount() {
     const std::string point = fusePoint_ != nullptr ? fusePoint_ : mountPoint_;
 #ifdef __APPLE__
     unmount(point.c_str(), MNT_FORCE);
-    if (channel_ != nullptr)
-        fuse_unmount(fusePoint_, channel_);
+    if (channel_ != nullptr) fuse_unmount(fusePoint_, channel_);
 #else
     // Detach the kernel mount without touching the channel that the loop
     // threads read: the kernel ends the connection and the loop returns. A
     // busy volume is detached lazily so that it always goes away.
     if (geteuid() == 0) {
-        if (umount2(point.c_str(), 0) != 0 && errno == EBUSY)
-            umount2(point.c_str(), MNT_DETACH);
+        if (umount2(point.c_str(), 0) != 0 && errno == EBUSY) umount2(point.c_str(), MNT_DETACH);
     } else if (!RunFusermount({"-u", "-q", point})) {
         RunFusermount({"-u", "-q", "-z", point});
     }
@@ -298,16 +288,14 @@ void ExportServiceFUSE::Unmount() {
 
 void ExportServiceFUSE::AbortConnection() {
 #ifndef __APPLE__
-    if (connection_.empty())
-        return;
+    if (connection_.empty()) return;
     const std::string control = "/sys/fs/fuse/connections";
     const std::string abort = control + "/" + connection_ + "/abort";
     if (::access(abort.c_str(), W_OK) != 0 && geteuid() == 0) {
         ::mount("fusectl", control.c_str(), "fusectl", 0, nullptr);
     }
     const int fd = ::open(abort.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0)
-        return;
+    if (fd < 0) return;
     if (::write(fd, "1", 1) != 1) {
         __LOG__A(CurrentLogger(), LL_WARNING, "[FILESYSTEM] Cannot abort FUSE connection %s",
                  connection_.c_str());
@@ -319,8 +307,7 @@ void ExportServiceFUSE::AbortConnection() {
 void ExportServiceFUSE::ResetTimeout(unsigned long value) {
     ++resetTimeouts_;
 #ifdef __APPLE__
-    if (fuse_ != nullptr)
-        fuse_increase_timeout_count(fuse_, value);
+    if (fuse_ != nullptr) fuse_increase_timeout_count(fuse_, value);
 #else
     (void)value;
 #endif
@@ -336,33 +323,28 @@ std::string ExportServiceFUSE::GetProcessName(pid_t pid) {
     if (proc_name(pid, buffer.data(), buffer.size()) > 0 && buffer[0] != '\0') {
         return LowerProcessName(buffer.data());
     }
-    if (proc_pidpath(pid, buffer.data(), buffer.size()) <= 0)
-        return std::to_string(pid);
+    if (proc_pidpath(pid, buffer.data(), buffer.size()) <= 0) return std::to_string(pid);
     std::string path(buffer.data());
 #else
     std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
     std::string name;
-    if (std::getline(comm, name) && !name.empty())
-        return LowerProcessName(name);
+    if (std::getline(comm, name) && !name.empty()) return LowerProcessName(name);
     std::vector<char> buffer(65536, 0);
     const std::string exe = "/proc/" + std::to_string(pid) + "/exe";
     const ssize_t length = readlink(exe.c_str(), buffer.data(), buffer.size() - 1);
-    if (length <= 0)
-        return std::to_string(pid);
+    if (length <= 0) return std::to_string(pid);
     std::string path(buffer.data(), static_cast<size_t>(length));
 #endif
     const size_t slash = path.find_last_of('/');
     std::string last = slash == std::string::npos ? path : path.substr(slash + 1);
-    if (last.empty())
-        return std::to_string(pid);
+    if (last.empty()) return std::to_string(pid);
     return LowerProcessName(last);
 }
 
 template <typename Body>
 int ExportServiceFUSE::Call(const char* callback, Body&& body) {
     IFileSystemImpl* fs = GetFileSystem();
-    if (fs == nullptr)
-        return -EIO;
+    if (fs == nullptr) return -EIO;
     try {
         return body(fs, GetProcessName());
     } catch (const std::exception& e) {
@@ -491,13 +473,10 @@ int ExportServiceFUSE::releasedir(const char* path, fuse_file_info*) {
 }
 
 void ExportServiceFUSE::destroy() {
-    if (GetFileSystem() == nullptr)
-        return;
+    if (GetFileSystem() == nullptr) return;
     destroyed_ = true;
-    if (fuse_ != nullptr)
-        fuse_exit(fuse_);
-    if (unmountCallback_)
-        unmountCallback_(mountPoint_.c_str());
+    if (fuse_ != nullptr) fuse_exit(fuse_);
+    if (unmountCallback_) unmountCallback_(mountPoint_.c_str());
 }
 
 int ExportServiceFUSE::create(const char* path, mode_t mode, fuse_file_info* fi) {

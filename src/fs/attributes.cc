@@ -12,10 +12,8 @@ namespace {
 // Seconds of a FUSE time: "now" for UTIME_NOW, 0 (leave as it is) for
 // UTIME_OMIT.
 long Seconds(const struct timespec& time) {
-    if (time.tv_nsec == UTIME_NOW)
-        return static_cast<long>(::time(nullptr));
-    if (time.tv_nsec == UTIME_OMIT)
-        return 0;
+    if (time.tv_nsec == UTIME_NOW) return static_cast<long>(::time(nullptr));
+    if (time.tv_nsec == UTIME_OMIT) return 0;
     return static_cast<long>(time.tv_sec);
 }
 
@@ -26,8 +24,7 @@ int FileSystem::GetAttr(const char* path, struct stat* st, std::string process) 
     const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
     AERROR result = GetFile(exact.c_str(), node);
-    if (result == SUCCESS && node)
-        result = static_cast<AERROR>(node->getattr(st));
+    if (result == SUCCESS && node) result = static_cast<AERROR>(node->getattr(st));
     return Outcome("GetAttr", result, process, path);
 }
 
@@ -42,8 +39,7 @@ int FileSystem::GetAttrByHandle(unsigned long long handle, struct stat* st, std:
     __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] [%s:%s] handle found : %s", letter_.c_str(),
              process.c_str(), record->path.c_str());
     AERROR result = SUCCESS;
-    if (record->file)
-        result = static_cast<AERROR>(record->file->getattr(st));
+    if (record->file) result = static_cast<AERROR>(record->file->getattr(st));
     return Outcome("GetAttrByHandle", result, process, record->path.c_str());
 }
 
@@ -54,8 +50,7 @@ int FileSystem::ReadDir(const char* path, std::list<FS_DIR_ENTRY>& entries, std:
     // none holds lists as empty.
     for (const auto& entry : Protocols()) {
         std::shared_ptr<File> node;
-        if (GetFile(exact.c_str(), entry->root, node) != SUCCESS || !node)
-            continue;
+        if (GetFile(exact.c_str(), entry->root, node) != SUCCESS || !node) continue;
         PollChanges(*entry);
         node->readdir(node, entries);
     }
@@ -67,8 +62,7 @@ int FileSystem::Access(const char* path, int mask, std::string process) {
     const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
     AERROR result = GetFile(exact.c_str(), node);
-    if (result == SUCCESS && node)
-        result = static_cast<AERROR>(node->access(mask));
+    if (result == SUCCESS && node) result = static_cast<AERROR>(node->access(mask));
     return Outcome("Access", result, process, path);
 }
 
@@ -111,8 +105,7 @@ int FileSystem::UtimeNs(const char* path, const struct timespec times[2], unsign
         result = GetFile(exact.c_str(), node);
     } else if (auto record = GetHandle(handle)) {
         // Only a handle open for writing may change the times.
-        if (record->mode == HANDLE_MODE_WRITE)
-            node = record->file;
+        if (record->mode == HANDLE_MODE_WRITE) node = record->file;
     }
     if (result == SUCCESS && node && times != nullptr) {
         result = node->SetFileTime(0, Seconds(times[0]), Seconds(times[1]));
@@ -136,8 +129,7 @@ int FileSystem::StatFs(const char* path, struct statvfs* sv, std::string process
             unsigned long long protocolTotal = 0;
             unsigned long long protocolUsed = 0;
             result = entry->protocol->GetQuota(&protocolTotal, &protocolUsed);
-            if (result != SUCCESS)
-                break;
+            if (result != SUCCESS) break;
             entry->quotaTotal = protocolTotal;
             entry->quotaUsed = protocolUsed;
             entry->lastQuota = now;
@@ -146,8 +138,7 @@ int FileSystem::StatFs(const char* path, struct statvfs* sv, std::string process
         total += entry->quotaTotal;
         used += entry->quotaUsed;
     }
-    if (sv->f_bsize == 0)
-        sv->f_bsize = 65536;
+    if (sv->f_bsize == 0) sv->f_bsize = 65536;
     sv->f_frsize = 65536;
     sv->f_blocks = total / sv->f_bsize;
     const unsigned long long freeBytes = total > used ? total - used : 0;

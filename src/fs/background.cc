@@ -17,8 +17,7 @@ void FileSystem::QueueFile(std::shared_ptr<File> file) {
         std::lock_guard<std::mutex> lock(workersMutex_);
         workersRunning = workersOnQueue_ > 0;
     }
-    if (!workersRunning)
-        DrainQueue();
+    if (!workersRunning) DrainQueue();
 }
 
 void FileSystem::DrainQueue() {
@@ -26,14 +25,12 @@ void FileSystem::DrainQueue() {
         std::shared_ptr<File> file;
         {
             std::lock_guard<std::mutex> lock(queueMutex_);
-            if (fileQueue_.empty())
-                return;
+            if (fileQueue_.empty()) return;
             file = std::move(fileQueue_.front());
             fileQueue_.pop_front();
         }
         // A stop signal means nothing when no worker runs.
-        if (!file)
-            continue;
+        if (!file) continue;
         file->ProcessJobs();
         std::lock_guard<std::mutex> lock(queueMutex_);
         queued_.erase(file.get());
@@ -55,8 +52,7 @@ void FileSystem::Process(void* context) {
             std::shared_ptr<File> file;
             {
                 std::lock_guard<std::mutex> lock(queueMutex_);
-                if (fileQueue_.empty())
-                    break;
+                if (fileQueue_.empty()) break;
                 file = std::move(fileQueue_.front());
                 fileQueue_.pop_front();
             }
@@ -76,8 +72,7 @@ void FileSystem::Process(void* context) {
 
 void FileSystem::Canceled(void* context) {
     // A worker the queue dropped before it started will never run.
-    if (context == kInlineContext)
-        return;
+    if (context == kInlineContext) return;
     std::lock_guard<std::mutex> lock(workersMutex_);
     --workersOnQueue_;
     workersDone_.notify_all();
@@ -87,8 +82,7 @@ int FileSystem::CountUploadings() {
     std::lock_guard<std::mutex> lock(queueMutex_);
     int count = 0;
     for (const auto& entry : queued_) {
-        if (entry.second)
-            count += entry.second->CountUploadings();
+        if (entry.second) count += entry.second->CountUploadings();
     }
     return count;
 }
@@ -96,8 +90,7 @@ int FileSystem::CountUploadings() {
 void FileSystem::CancelUploadings() {
     std::lock_guard<std::mutex> lock(queueMutex_);
     for (const auto& entry : queued_) {
-        if (entry.second)
-            entry.second->CancelUploadings();
+        if (entry.second) entry.second->CancelUploadings();
     }
 }
 
@@ -107,8 +100,7 @@ void FileSystem::Finalize() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto& entry : protocolOrder_) {
-            if (!entry->root)
-                continue;
+            if (!entry->root) continue;
             entry->root->ClearHashForChanges();
             entry->root->CloseAllHandles();
         }
@@ -116,18 +108,28 @@ void FileSystem::Finalize() {
             notifier->ChangeNotify(NE_DRIVE_REMOVE, 0, letter_.c_str(), nullptr);
         }
     }
-    // The workers run on this object: it must not go away under them.
+    // The workers and background jobs run on this object: it must not go
+    // away under them.
     std::unique_lock<std::mutex> lock(workersMutex_);
-    workersDone_.wait(lock, [this] { return workersOnQueue_ <= 0; });
+    workersDone_.wait(lock, [this] { return workersOnQueue_ <= 0 && backgroundJobs_ <= 0; });
+}
+
+void FileSystem::JobStarted() {
+    std::lock_guard<std::mutex> lock(workersMutex_);
+    ++backgroundJobs_;
+}
+
+void FileSystem::JobFinished() {
+    std::lock_guard<std::mutex> lock(workersMutex_);
+    --backgroundJobs_;
+    workersDone_.notify_all();
 }
 
 void FileSystem::Destroy() {
-    if (destroyed_.exchange(true))
-        return;
+    if (destroyed_.exchange(true)) return;
     std::lock_guard<std::mutex> lock(mutex_);
     for (auto& entry : protocolOrder_) {
-        if (entry->root)
-            entry->root->ClearChildrens();
+        if (entry->root) entry->root->ClearChildrens();
     }
     protocols_.clear();
     protocolOrder_.clear();

@@ -8,27 +8,22 @@ DefaultFilter::DefaultFilter(bool realtime) : realtime_(realtime) {
 }
 
 bool DefaultFilter::IsOfflineOnly(const char* processName, const char* fileName) {
-    if (offlineOnly_.empty())
-        return false;
+    if (offlineOnly_.empty()) return false;
     const std::string process = processName != nullptr ? processName : "";
     const std::string file = fileName != nullptr ? fileName : "";
     for (const auto& [pattern, names] : offlineOnly_) {
-        if (!IsNameInExpressionA(pattern, process, true) && pattern != anyProcess_)
-            continue;
+        if (!IsNameInExpressionA(pattern, process, true) && pattern != anyProcess_) continue;
         for (const auto& name : names) {
-            if (IsNameInExpressionA(name, file, true))
-                return true;
+            if (IsNameInExpressionA(name, file, true)) return true;
         }
     }
     return false;
 }
 
 bool DefaultFilter::IsRealtimeUploadProcess(const char* processName) noexcept {
-    if (!realtime_ || processName == nullptr)
-        return false;
+    if (!realtime_ || processName == nullptr) return false;
     for (const auto& process : realtimeProcesses_) {
-        if (process == processName)
-            return true;
+        if (process == processName) return true;
     }
     return false;
 }

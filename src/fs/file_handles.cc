@@ -43,8 +43,7 @@ _FS_HANDLE_EXT* FileHandles::NewHandle() {
 }
 
 std::shared_ptr<_FS_HANDLE_EXT> FileHandles::DupHandle(std::shared_ptr<_FS_HANDLE_EXT> source) {
-    if (!source)
-        return nullptr;
+    if (!source) return nullptr;
     std::lock_guard<std::mutex> lock(lock_);
     auto copy = std::shared_ptr<_FS_HANDLE_EXT>(NewHandle());
     copy->mode = source->mode;
@@ -80,8 +79,7 @@ std::shared_ptr<_FS_HANDLE_EXT> FileHandles::GetHandle(void* key) {
 bool FileHandles::CloseHandle(void* key) {
     std::lock_guard<std::mutex> lock(lock_);
     auto it = handles_.find(key);
-    if (it == handles_.end())
-        return false;
+    if (it == handles_.end()) return false;
     const auto& record = it->second;
     record->state = HANDLE_STATE_CLOSED;
     if (record->mode == HANDLE_MODE_WRITE) {
@@ -109,8 +107,7 @@ int FileHandles::CountExcept(const std::string& process) {
     std::lock_guard<std::mutex> lock(lock_);
     int count = 0;
     for (const auto& entry : handles_) {
-        if (entry.second->process != process)
-            ++count;
+        if (entry.second->process != process) ++count;
     }
     return count;
 }
@@ -118,8 +115,7 @@ int FileHandles::CountExcept(const std::string& process) {
 bool FileHandles::HasAnyOpened() {
     std::lock_guard<std::mutex> lock(lock_);
     for (const auto& entry : handles_) {
-        if (entry.second->IsOpen())
-            return true;
+        if (entry.second->IsOpen()) return true;
     }
     return false;
 }

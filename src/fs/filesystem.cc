@@ -117,15 +117,13 @@ int FileSystem::GetProtocolCount() {
 
 AERROR FileSystem::GetProtocol(int index, std::shared_ptr<IProtocol_V2>& out) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (index < 0 || index >= protocolCount_)
-        return INVALID_PARAMETER;
+    if (index < 0 || index >= protocolCount_) return INVALID_PARAMETER;
     out = protocolOrder_[index]->protocol;
     return SUCCESS;
 }
 
 AERROR FileSystem::SetConfiguration(const char* json) {
-    if (json == nullptr)
-        return ACCESS_VIOLATION;
+    if (json == nullptr) return ACCESS_VIOLATION;
     try {
         std::lock_guard<std::mutex> lock(configMutex_);
         config_.Parse(json);
@@ -164,16 +162,13 @@ _FS_CONFIG FileSystem::GetConfig() {
 }
 
 AERROR FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol, const char* /*name*/) {
-    if (!protocol)
-        return INVALID_PARAMETER;
+    if (!protocol) return INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(mutex_);
     std::string identity(65536, '\0');
     const AERROR result = protocol->GetIdentity(identity.data(), identity.size());
-    if (result != SUCCESS)
-        return result;
+    if (result != SUCCESS) return result;
     identity.resize(strnlen(identity.data(), identity.size()));
-    if (protocols_.count(identity) != 0)
-        return FS_ALREADY_AUTHORIZED;
+    if (protocols_.count(identity) != 0) return FS_ALREADY_AUTHORIZED;
 
     auto entry = std::make_shared<_FS_PROTOCOL>();
     entry->protocol = protocol;
@@ -208,8 +203,7 @@ void FileSystem::SetNotifier(INotifier* notifier) {
     notifier_ = notifier;
     std::lock_guard<std::mutex> lock(mutex_);
     for (auto& entry : protocolOrder_) {
-        if (entry->root)
-            entry->root->SetNotifier(notifier);
+        if (entry->root) entry->root->SetNotifier(notifier);
     }
 }
 
@@ -219,4 +213,27 @@ std::shared_ptr<_FS_HANDLE_EXT> FileSystem::GetHandle(unsigned long long id) {
     std::lock_guard<std::mutex> lock(handleMapMutex_);
     auto it = handleMap_.find(id);
     return it == handleMap_.end() ? nullptr : it->second;
+}
+
+unsigned long long FileSystem::RegisterHandle(std::shared_ptr<_FS_HANDLE_EXT> record,
+                                              std::shared_ptr<File> file,
+                                              const std::string& process, const std::string& path) {
+    const unsigned long long id = ++handleCounter_;
+    record->id = id;
+    record->file = std::move(file);
+    record->process = process;
+    record->path = path;
+    std::lock_guard<std::mutex> lock(handleMapMutex_);
+    handleMap_[id] = record;
+    __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] [%s:%s] Handle %llu for %s created",
+             fsName_.c_str(), process.c_str(), id,
+             record->mode == HANDLE_MODE_READ ? "READ" : "WRITE");
+    return id;
+}
+
+void FileSystem::UnregisterHandle(unsigned long long id, const std::string& process) {
+    std::lock_guard<std::mutex> lock(handleMapMutex_);
+    __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] [%s:%s] Handle %llu destroyed",
+             letter_.c_str(), process.c_str(), id);
+    handleMap_.erase(id);
 }

@@ -141,10 +141,18 @@ class FileSystem final : public IFileSystemImpl,
     static std::wstring GetObjectName(const wchar_t* path, const wchar_t* separators);
     bool IsOfflineOnly(const char* process, const char* name);
 
-    // Handle numbers.
+    // Handle numbers. RegisterHandle gives `record` the next number (the
+    // first is 1; numbers are never reused) and enters it in the handle map;
+    // UnregisterHandle takes the number out again.
     std::shared_ptr<_FS_HANDLE_EXT> GetHandle(unsigned long long id);
+    unsigned long long RegisterHandle(std::shared_ptr<_FS_HANDLE_EXT> record,
+                                      std::shared_ptr<File> file, const std::string& process,
+                                      const std::string& path);
+    void UnregisterHandle(unsigned long long id, const std::string& process);
 
     int WorkerCount() const { return workerCount_; }
+    void JobStarted() override;
+    void JobFinished() override;
 
   private:
     // Logs an operation's outcome and converts it for FUSE.
@@ -191,6 +199,7 @@ class FileSystem final : public IFileSystemImpl,
     std::mutex workersMutex_;
     std::condition_variable workersDone_;
     int workersOnQueue_ = 0;
+    int backgroundJobs_ = 0;
     std::atomic<int> inlineRuns_{0};
     std::atomic<bool> destroyed_{false};
 };

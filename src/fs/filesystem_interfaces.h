@@ -22,6 +22,11 @@ class IFileSystemInternal {
     virtual std::string GetVolumeLabel() = 0;
     virtual std::string GetMountPoint() = 0;
     virtual void QueueFile(std::shared_ptr<File> file) = 0;
+    // Background jobs of the tree (listings) run on the host's queue with
+    // pointers into the file system: teardown waits until each one that
+    // started has finished.
+    virtual void JobStarted() = 0;
+    virtual void JobFinished() = 0;
 
   protected:
     ~IFileSystemInternal() = default;

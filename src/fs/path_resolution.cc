@@ -14,10 +14,8 @@ std::vector<std::string> PathComponents(const std::string& path) {
     size_t start = 0;
     while (start <= path.size()) {
         size_t end = path.find('/', start);
-        if (end == std::string::npos)
-            end = path.size();
-        if (end > start)
-            parts.emplace_back(path, start, end - start);
+        if (end == std::string::npos) end = path.size();
+        if (end > start) parts.emplace_back(path, start, end - start);
         start = end + 1;
     }
     return parts;
@@ -38,16 +36,14 @@ std::string FileSystem::ToExactPath(const char* path, bool keepCase) {
     for (auto& part : PathComponents(text)) {
         if (part == "..") {
             // Above the root stays at the root.
-            if (!kept.empty())
-                kept.pop_back();
+            if (!kept.empty()) kept.pop_back();
         } else if (part != ".") {
             kept.push_back(std::move(part));
         }
     }
     std::string exact;
     for (const auto& part : kept) {
-        if (!exact.empty())
-            exact += '/';
+        if (!exact.empty()) exact += '/';
         exact += part;
     }
     return exact;
@@ -77,34 +73,29 @@ void FileSystem::PollChanges(_FS_PROTOCOL& entry) {
     }
     void* cookie = nullptr;
     entry.protocol->GetChanges(entry.root.get(), &cookie);
-    if (cookie != nullptr)
-        entry.protocol->ReleaseCookie(cookie);
+    if (cookie != nullptr) entry.protocol->ReleaseCookie(cookie);
     entry.lastChangePoll = std::chrono::steady_clock::now();
 }
 
 AERROR FileSystem::GetFile(const char* path, std::shared_ptr<File>& out) {
-    if (path == nullptr)
-        return INVALID_PARAMETER;
+    if (path == nullptr) return INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(mutex_);
     const std::string wanted(path);
     if ((wanted == "/" || wanted.empty()) && protocolOrder_.empty()) {
         out.reset();
         return FAILED;
     }
-    if (protocolOrder_.empty())
-        return SUCCESS;
+    if (protocolOrder_.empty()) return SUCCESS;
     AERROR result = SUCCESS;
     for (const auto& entry : protocolOrder_) {
         if (wanted == "/") {
             out = entry->root;
             return SUCCESS;
         }
-        if (GetFile(path, entry->root, out) == SUCCESS)
-            return SUCCESS;
+        if (GetFile(path, entry->root, out) == SUCCESS) return SUCCESS;
         PollChanges(*entry);
         const AERROR second = GetFile(path, entry->root, out);
-        if (second == SUCCESS)
-            return SUCCESS;
+        if (second == SUCCESS) return SUCCESS;
         if (second == FILE_NOT_FOUND) {
             result = FILE_NOT_FOUND;
         } else if (second == PATH_NOT_FOUND && result == SUCCESS) {
@@ -117,15 +108,13 @@ AERROR FileSystem::GetFile(const char* path, std::shared_ptr<File>& out) {
 AERROR FileSystem::GetFile(const char* path, std::shared_ptr<File> root,
                            std::shared_ptr<File>& out) {
     out.reset();
-    if (!root || path == nullptr)
-        return FILE_NOT_FOUND;
+    if (!root || path == nullptr) return FILE_NOT_FOUND;
     const std::vector<std::string> parts = PathComponents(path);
     std::shared_ptr<File> current = root;
     const size_t directories = parts.empty() ? 0 : parts.size() - 1;
     for (size_t i = 0; i < directories; ++i) {
         auto next = current->GetFile(parts[i].c_str(), current);
-        if (!next)
-            return PATH_NOT_FOUND;
+        if (!next) return PATH_NOT_FOUND;
         current = std::move(next);
     }
     const std::string leaf = parts.empty() ? "" : parts.back();
@@ -135,12 +124,10 @@ AERROR FileSystem::GetFile(const char* path, std::shared_ptr<File> root,
 
 AERROR FileSystem::GetParent(const char* path, std::shared_ptr<File>& out) {
     std::vector<std::string> parts = PathComponents(path != nullptr ? path : "");
-    if (!parts.empty())
-        parts.pop_back();
+    if (!parts.empty()) parts.pop_back();
     std::string parent;
     for (const auto& part : parts) {
-        if (!parent.empty())
-            parent += '/';
+        if (!parent.empty()) parent += '/';
         parent += part;
     }
     const AERROR result = GetFile(parent.c_str(), out);

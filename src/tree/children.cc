@@ -5,8 +5,7 @@
 #include "tree/file.h"
 
 std::shared_ptr<File> File::AddChild(const _FS_FILE_V2* record, bool lock) {
-    if (record == nullptr)
-        return nullptr;
+    if (record == nullptr) return nullptr;
     if (!IsAcceptableName(record->name)) {
         __LOG__A(CurrentLogger(), LL_WARNING, "[FILESYSTEM] No filename in data - %s/%d/%lld",
                  record->key.c_str(), static_cast<int>(record->attributes),
@@ -15,8 +14,7 @@ std::shared_ptr<File> File::AddChild(const _FS_FILE_V2* record, bool lock) {
     }
     const std::string folded = FoldName(record->name);
     std::unique_lock<std::recursive_mutex> guard(childLock_, std::defer_lock);
-    if (lock)
-        guard.lock();
+    if (lock) guard.lock();
     auto it = children_.find(folded);
     if (it == children_.end()) {
         auto child =
@@ -28,12 +26,10 @@ std::shared_ptr<File> File::AddChild(const _FS_FILE_V2* record, bool lock) {
 }
 
 void File::AddChild(std::shared_ptr<File> node, bool lock) {
-    if (!node)
-        return;
+    if (!node) return;
     {
         std::unique_lock<std::recursive_mutex> guard(childLock_, std::defer_lock);
-        if (lock)
-            guard.lock();
+        if (lock) guard.lock();
         node->parent_ = this;
         children_[FoldName(node->Name())] = node;
         childCount_ = children_.size();
@@ -42,16 +38,13 @@ void File::AddChild(std::shared_ptr<File> node, bool lock) {
 }
 
 std::shared_ptr<File> File::RemoveChild(const char* name, bool lock) {
-    if (name == nullptr)
-        return nullptr;
+    if (name == nullptr) return nullptr;
     std::shared_ptr<File> removed;
     {
         std::unique_lock<std::recursive_mutex> guard(childLock_, std::defer_lock);
-        if (lock)
-            guard.lock();
+        if (lock) guard.lock();
         auto it = children_.find(FoldName(name));
-        if (it == children_.end())
-            return nullptr;
+        if (it == children_.end()) return nullptr;
         removed = it->second;
         children_.erase(it);
         childCount_ = children_.size();
@@ -61,8 +54,7 @@ std::shared_ptr<File> File::RemoveChild(const char* name, bool lock) {
 }
 
 std::shared_ptr<File> File::GetFileWithNoFetch(const char* name) {
-    if (name == nullptr)
-        return nullptr;
+    if (name == nullptr) return nullptr;
     std::lock_guard<std::recursive_mutex> guard(childLock_);
     auto it = children_.find(FoldName(name));
     return it == children_.end() ? nullptr : it->second;

@@ -37,8 +37,7 @@ std::string DoublePercent(std::string text) {
 std::string FoldName(const std::string& name) {
     std::string folded(name);
     for (char& c : folded) {
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     }
     return folded;
 }
@@ -83,8 +82,7 @@ File::File(std::shared_ptr<IProtocol_V2> protocol, IFileSystemInternal* fs, IFSC
     }
     remoteKey_ = info->key;
     info_ = info;
-    if (IsFolder())
-        AddMarkerFiles();
+    if (IsFolder()) AddMarkerFiles();
 }
 
 File::~File() = default;
@@ -107,8 +105,7 @@ void* File::GetContext() {
 }
 
 _FS_CONFIG File::GetConfig() const {
-    if (config_ == nullptr)
-        return _FS_CONFIG{};
+    if (config_ == nullptr) return _FS_CONFIG{};
     return config_->GetConfig();
 }
 
@@ -146,8 +143,7 @@ void File::ClearHashForChanges() {
 
 time_t File::FileTimeToTimet(uint32_t low, uint32_t high) {
     const uint64_t value = (static_cast<uint64_t>(high) << 32) | low;
-    if (value == 0)
-        return 0;
+    if (value == 0) return 0;
     return static_cast<time_t>((static_cast<int64_t>(value) - 116444736000000000LL) / 10000000);
 }
 
@@ -158,8 +154,7 @@ std::string File::BuildPathA(char sep) const {
     }
     std::string path;
     for (const auto& name : names) {
-        if (!path.empty())
-            path += sep;
+        if (!path.empty()) path += sep;
         path += name;
     }
     return path;
@@ -208,8 +203,7 @@ std::string File::BuildPathForPrint(char sep, bool raw) const {
     }
     std::string path;
     for (const auto& name : names) {
-        if (!path.empty())
-            path += sep;
+        if (!path.empty()) path += sep;
         path += name;
     }
     return path;
@@ -221,8 +215,7 @@ std::wstring File::BuildPathForPrintW(char sep, bool raw) const {
 
 int File::getattr(struct stat* st) {
     auto info = Info();
-    if (!info)
-        return 0;
+    if (!info) return 0;
     memset(st, 0, sizeof(*st));
     st->st_size = info->size;
     st->st_ino = serial_;
@@ -240,10 +233,8 @@ int File::getattr(struct stat* st) {
     st->st_mtime = RFC3339ToTM(info->modifyTime.c_str());
     st->st_ctime = RFC3339ToTM(info->createTime.c_str());
     st->st_mode = (info->attributes & FILE_ATTRIBUTE_FOLDER) != 0 ? 040755 : 0644;
-    if ((info->attributes & FILE_ATTRIBUTE_FILE) != 0)
-        st->st_mode |= 0x8000;
-    if ((info->attributes & FILE_ATTRIBUTE_WRITABLE) != 0)
-        st->st_mode |= 2;
+    if ((info->attributes & FILE_ATTRIBUTE_FILE) != 0) st->st_mode |= 0x8000;
+    if ((info->attributes & FILE_ATTRIBUTE_WRITABLE) != 0) st->st_mode |= 2;
     return 0;
 }
 
@@ -256,8 +247,7 @@ AERROR File::SetFileAttributes(unsigned long, IExportService*) {
 }
 
 void File::Notify(NOTIFYEVENT event, const std::wstring& path, const std::wstring* newPath) {
-    if (notifier_ == nullptr)
-        return;
+    if (notifier_ == nullptr) return;
     notifier_->ChangeNotify(event, 5, path.c_str(),
                             newPath != nullptr ? newPath->c_str() : nullptr);
 }
@@ -268,11 +258,9 @@ AERROR File::SetFileTime(long createTime, long accessTime, long modifyTime) {
     if (protocol_ && !key.empty() && (protocol_->GetCapabilities() & PROTOCOL_CAP_SET_TIME) != 0) {
         void* cookie = nullptr;
         result = protocol_->SetItemTime(key.c_str(), createTime, accessTime, modifyTime, &cookie);
-        if (cookie != nullptr)
-            protocol_->ReleaseCookie(cookie);
+        if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
     }
-    if (result != SUCCESS)
-        return result;
+    if (result != SUCCESS) return result;
     // The node's times are local wall-clock texts, as it reads them back.
     auto local = [](long seconds) {
         struct tm broken;
@@ -282,12 +270,9 @@ AERROR File::SetFileTime(long createTime, long accessTime, long modifyTime) {
     };
     std::lock_guard<std::mutex> lock(dataMutex_);
     auto next = std::make_shared<_FS_FILE_EXT>(*Info());
-    if (createTime != 0)
-        next->createTime = local(createTime);
-    if (accessTime != 0)
-        next->accessTime = local(accessTime);
-    if (modifyTime != 0)
-        next->modifyTime = local(modifyTime);
+    if (createTime != 0) next->createTime = local(createTime);
+    if (accessTime != 0) next->accessTime = local(accessTime);
+    if (modifyTime != 0) next->modifyTime = local(modifyTime);
     PublishInfo(next);
     return SUCCESS;
 }

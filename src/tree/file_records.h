@@ -15,8 +15,7 @@ struct _FS_FILE_EXT : _FS_FILE_V2 {
     _FS_FILE_EXT() = default;
     _FS_FILE_EXT& operator=(const _FS_FILE_V2& source) {
         static_cast<_FS_FILE_V1&>(*this) = static_cast<const _FS_FILE_V1&>(source);
-        if (static_cast<const _FS_FILE_V2*>(this) != &source)
-            values = source.values;
+        if (static_cast<const _FS_FILE_V2*>(this) != &source) values = source.values;
         extra = source.extra;
         knownSize = source.size;
         return *this;

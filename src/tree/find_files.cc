@@ -9,8 +9,7 @@ FindFiles::FindFiles(std::shared_ptr<File> folder) : folder_(std::move(folder)) 
 }
 
 AERROR FindFiles::AddFile(const _FS_FILE_V2* record) {
-    if (record == nullptr)
-        return SUCCESS;
+    if (record == nullptr) return SUCCESS;
     if (!IsAcceptableName(record->name)) {
         __LOG__A(CurrentLogger(), LL_WARNING, "[FILESYSTEM] No filename in data - %s/%d/%lld",
                  record->key.c_str(), static_cast<int>(record->attributes),
@@ -24,8 +23,7 @@ AERROR FindFiles::AddFile(const _FS_FILE_V2* record) {
         unseen_.erase(known);
         return SUCCESS;
     }
-    if (added_.count(folded) != 0)
-        return SUCCESS;
+    if (added_.count(folded) != 0) return SUCCESS;
     auto node = folder_->NewChild(record);
     added_.emplace(folded, node);
     if (reportsChanges_ && (record->attributes & FILE_ATTRIBUTE_FOLDER) != 0) {
@@ -65,8 +63,7 @@ void FindFiles::Process(void*) {
         sink->Error(FSEVENT_LIST_FAILED, result_, folder_->BuildLocalPathA('/').c_str(),
                     folder_->BuildOriginPathA().c_str(), cookie);
     }
-    if (cookie != nullptr)
-        protocol->ReleaseCookie(cookie);
+    if (cookie != nullptr) protocol->ReleaseCookie(cookie);
     unseen_.clear();
     added_.clear();
     folder_->ListingDone(this);

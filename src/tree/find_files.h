@@ -28,6 +28,9 @@ class FindFiles : public IFileList,
 
     // The listing's outcome, once Process has run.
     AERROR Result() const { return result_; }
+    // A job that runs on the host's queue rather than on the caller's thread.
+    void SetBackground() { background_ = true; }
+    bool IsBackground() const { return background_; }
 
   private:
     using Nodes = std::unordered_map<std::string, std::shared_ptr<File>>;
@@ -37,6 +40,7 @@ class FindFiles : public IFileList,
     Nodes unseen_;  // children the listing has not reported yet
     Nodes added_;   // nodes made for names the folder did not have
     AERROR result_ = SUCCESS;
+    bool background_ = false;
 };
 
 #endif  // LIBFS_TREE_FIND_FILES_H_

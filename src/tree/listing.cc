@@ -12,28 +12,24 @@ std::shared_ptr<File> File::NewChild(const _FS_FILE_V2* record) {
 }
 
 std::shared_ptr<File> File::GetFile(const char* name, std::shared_ptr<File> self) {
-    if (name == nullptr)
-        return nullptr;
-    const std::string wanted(name);
+    if (name == nullptr) return nullptr;
     // Lookups of these names, made by desktop tools in every folder, are
-    // never a reason to list one.
-    if (IsFolder() && wanted != ".localized" && wanted != ".Trashes") {
+    // never a reason to list one. Path lookups arrive case-folded.
+    const std::string wanted = FoldName(name);
+    if (IsFolder() && wanted != ".localized" && wanted != ".trashes") {
         const bool reportsChanges =
             protocol_ && (protocol_->GetCapabilities() & PROTOCOL_CAP_REPORTS_CHANGES) != 0;
-        if (reportsChanges && listed_.load())
-            return GetFileWithNoFetch(name);
+        if (reportsChanges && listed_.load()) return GetFileWithNoFetch(name);
         FetchList(self);
     }
     return GetFileWithNoFetch(name);
 }
 
 AERROR File::FetchList(std::shared_ptr<File> self) {
-    if (noListing_.load())
-        return SUCCESS;
+    if (noListing_.load()) return SUCCESS;
     {
         std::lock_guard<std::mutex> lock(listingMutex_);
-        if (pendingListing_)
-            return SUCCESS;
+        if (pendingListing_) return SUCCESS;
     }
     listed_ = true;
     const bool backgroundRefresh =
@@ -43,20 +39,17 @@ AERROR File::FetchList(std::shared_ptr<File> self) {
         // The refresh interval is the "fetchasync" setting, in milliseconds.
         const auto age =
             std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - listedAt_.load());
-        if (age.count() < GetConfig().fetchasync)
-            return SUCCESS;
+        if (age.count() < GetConfig().fetchasync) return SUCCESS;
         return RunListing(std::move(self), true);
     }
     return RunListing(std::move(self), false);
 }
 
 AERROR File::FetchListWithNoDetectChanges(std::shared_ptr<File> self) {
-    if (noListing_.load())
-        return SUCCESS;
+    if (noListing_.load()) return SUCCESS;
     {
         std::lock_guard<std::mutex> lock(listingMutex_);
-        if (pendingListing_)
-            return SUCCESS;
+        if (pendingListing_) return SUCCESS;
     }
     listed_ = true;
     return RunListing(std::move(self), false);
@@ -66,12 +59,13 @@ AERROR File::RunListing(std::shared_ptr<File> self, bool background) {
     auto job = std::make_shared<FindFiles>(std::move(self));
     {
         std::lock_guard<std::mutex> lock(listingMutex_);
-        if (pendingListing_)
-            return SUCCESS;
+        if (pendingListing_) return SUCCESS;
         pendingListing_ = job;
     }
     if (background) {
         // The old children answer while the refresh runs on the queue.
+        if (fileSystem_ != nullptr) fileSystem_->JobStarted();
+        job->SetBackground();
         QueueAsync(job.get(), nullptr);
         return SUCCESS;
     }
@@ -80,9 +74,11 @@ AERROR File::RunListing(std::shared_ptr<File> self, bool background) {
 }
 
 void File::ListingDone(FindFiles* job) {
-    std::lock_guard<std::mutex> lock(listingMutex_);
-    if (pendingListing_.get() == job)
-        pendingListing_.reset();
+    {
+        std::lock_guard<std::mutex> lock(listingMutex_);
+        if (pendingListing_.get() == job) pendingListing_.reset();
+    }
+    if (job->IsBackground() && fileSystem_ != nullptr) fileSystem_->JobFinished();
 }
 
 void File::CopyChildren(Children& out) {
@@ -95,15 +91,13 @@ void File::MergeListing(const Children& added, const Children& unseen) {
     {
         std::lock_guard<std::recursive_mutex> lock(childLock_);
         for (const auto& [folded, node] : added) {
-            if (children_.emplace(folded, node).second)
-                inserted.push_back(node);
+            if (children_.emplace(folded, node).second) inserted.push_back(node);
         }
         childCount_ = children_.size();
         // Nodes that were never stored remotely (no key) are local only, like
         // the marker files: a listing cannot know them.
         for (const auto& [folded, node] : unseen) {
-            if (!node->Key().empty())
-                RemoveChild(node->Name().c_str(), false);
+            if (!node->Key().empty()) RemoveChild(node->Name().c_str(), false);
         }
         if (fileState_.load() == FILE_STATE_LISTED) {
             for (const auto& node : inserted) {
@@ -123,8 +117,7 @@ bool File::HasAnyOpenedChildHandle() {
             children.push_back(entry.second);
     }
     for (const auto& child : children) {
-        if (child->handles_.HasAnyOpened() || child->HasAnyOpenedChildHandle())
-            return true;
+        if (child->handles_.HasAnyOpened() || child->HasAnyOpenedChildHandle()) return true;
     }
     return false;
 }
@@ -134,8 +127,7 @@ AERROR File::readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out) {
         std::lock_guard<std::recursive_mutex> lock(childLock_);
         const bool reportsChanges =
             protocol_ && (protocol_->GetCapabilities() & PROTOCOL_CAP_REPORTS_CHANGES) != 0;
-        if (!(reportsChanges && listed_.load()))
-            FetchList(self);
+        if (!(reportsChanges && listed_.load())) FetchList(self);
 
         FS_DIR_ENTRY entry;
         entry.name = ".";
@@ -150,8 +142,7 @@ AERROR File::readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out) {
         out.push_back(entry);
         for (const auto& [folded, child] : children_) {
             entry.name = child->Name();
-            if (entry.name == "." || entry.name == "..")
-                continue;
+            if (entry.name == "." || entry.name == "..") continue;
             child->getattr(&entry.st);
             out.push_back(entry);
         }
@@ -165,8 +156,7 @@ AERROR File::readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out) {
 }
 
 bool File::IsUtf8(const char* text) {
-    if (text == nullptr)
-        return false;
+    if (text == nullptr) return false;
     const auto* bytes = reinterpret_cast<const unsigned char*>(text);
     while (*bytes != 0) {
         int length;
@@ -187,8 +177,7 @@ bool File::IsUtf8(const char* text) {
             return false;
         }
         for (int i = 1; i < length; ++i) {
-            if ((bytes[i] & 0xC0) != 0x80)
-                return false;
+            if ((bytes[i] & 0xC0) != 0x80) return false;
             point = (point << 6) | (bytes[i] & 0x3F);
         }
         // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.

@@ -10,8 +10,7 @@
 // while it writes the node keeps showing its local size and time. When the
 // node's path changed (a rename or move), its cache entry is re-keyed.
 void File::Update(const _FS_FILE_V2* record, bool, bool) {
-    if (record == nullptr)
-        return;
+    if (record == nullptr) return;
     updatedAt_ = Clock::now();
     bool contentChanged;
     std::shared_ptr<ICacheObj> cacheObject;
@@ -24,8 +23,7 @@ void File::Update(const _FS_FILE_V2* record, bool, bool) {
         copy.createTime = adjustTime_(copy.createTime.c_str());
         copy.accessTime = adjustTime_(copy.accessTime.c_str());
         copy.modifyTime = adjustTime_(copy.modifyTime.c_str());
-        if (!IsAcceptableName(copy.name))
-            copy.name = current->name;
+        if (!IsAcceptableName(copy.name)) copy.name = current->name;
         contentChanged = copy.size != current->knownSize || copy.modifyTime != current->modifyTime;
 
         auto next = std::make_shared<_FS_FILE_EXT>();
@@ -35,8 +33,7 @@ void File::Update(const _FS_FILE_V2* record, bool, bool) {
             next->size = current->size;
             next->modifyTime = current->modifyTime;
         }
-        if (!copy.key.empty())
-            remoteKey_ = copy.key;
+        if (!copy.key.empty()) remoteKey_ = copy.key;
         PublishInfo(next);
         cacheObject = cacheObject_;
         oldKey = cacheKey_;

@@ -15,8 +15,7 @@
 void RecordingLog::LogV(LOGLEVEL level, const char* format, va_list args) {
     char line[4096];
     vsnprintf(line, sizeof line, format, args);
-    if (echo_)
-        fprintf(stderr, "[%d] %s\n", level, line);
+    if (echo_) fprintf(stderr, "[%d] %s\n", level, line);
     std::lock_guard<std::mutex> lock(mutex_);
     lines_.emplace_back(level, line);
 }
@@ -30,8 +29,7 @@ int RecordingLog::Count(const std::string& text, int level) {
     std::lock_guard<std::mutex> lock(mutex_);
     int count = 0;
     for (const auto& [lineLevel, line] : lines_) {
-        if ((level == 0 || lineLevel == level) && line.find(text) != std::string::npos)
-            ++count;
+        if ((level == 0 || lineLevel == level) && line.find(text) != std::string::npos) ++count;
     }
     return count;
 }
@@ -48,16 +46,13 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-    if (path_ != "/tmp")
-        RunProgram({"rm", "-rf", path_});
+    if (path_ != "/tmp") RunProgram({"rm", "-rf", path_});
 }
 
 std::string KernelMountUnavailable() {
-    if (geteuid() != 0)
-        return "kernel mount tests need root";
+    if (geteuid() != 0) return "kernel mount tests need root";
     const int fd = open("/dev/fuse", O_RDWR | O_CLOEXEC);
-    if (fd < 0)
-        return "kernel mount tests need /dev/fuse";
+    if (fd < 0) return "kernel mount tests need /dev/fuse";
     close(fd);
     return "";
 }
@@ -69,8 +64,7 @@ int RunProgram(const std::vector<std::string>& argv, std::string* output) {
         args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
     int pipeFds[2];
-    if (pipe2(pipeFds, O_CLOEXEC) != 0)
-        return -1;
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
     const pid_t pid = fork();
     if (pid < 0) {
         close(pipeFds[0]);
@@ -92,8 +86,7 @@ int RunProgram(const std::vector<std::string>& argv, std::string* output) {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
     }
-    if (output != nullptr)
-        *output = text;
+    if (output != nullptr) *output = text;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -104,8 +97,7 @@ int Shell(const std::string& command, std::string* output) {
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
+        if (std::chrono::steady_clock::now() > end) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
@@ -115,8 +107,7 @@ bool IsMounted(const std::string& point, const std::string& type) {
     std::ifstream mounts("/proc/mounts");
     std::string device, mountPoint, fsType, rest;
     while (mounts >> device >> mountPoint >> fsType && std::getline(mounts, rest)) {
-        if (mountPoint == point && fsType == type)
-            return true;
+        if (mountPoint == point && fsType == type) return true;
     }
     return false;
 }
@@ -125,12 +116,10 @@ namespace {
 
 int CountEntries(const char* folder) {
     DIR* dir = opendir(folder);
-    if (dir == nullptr)
-        return -1;
+    if (dir == nullptr) return -1;
     int count = 0;
     while (const dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.')
-            ++count;
+        if (entry->d_name[0] != '.') ++count;
     }
     closedir(dir);
     return count;

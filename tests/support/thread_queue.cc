@@ -16,11 +16,9 @@ void ThreadQueue::Stop() {
 }
 
 AERROR ThreadQueue::Queue(IAsyncObj* job, void* context) {
-    if (job == nullptr)
-        return ASYNCQ_NULLOBJECT;
+    if (job == nullptr) return ASYNCQ_NULLOBJECT;
     std::lock_guard<std::mutex> lock(mutex_);
-    if (stopped_)
-        return ASYNCQ_STOPPED;
+    if (stopped_) return ASYNCQ_STOPPED;
     auto worker = std::make_unique<Worker>();
     Worker* raw = worker.get();
     raw->thread = std::thread([job, context, raw] {
