@@ -159,6 +159,7 @@ TEST_F(MountTest, MountTypeBitsGiveFeaturesAndLogLines) {
 
     fs = MountWithProtocol(MT_READ_ONLY);
     ASSERT_NE(fs, nullptr);
+    EXPECT_EQ(RunProgram({"stat", point_ + "/hello.txt"}), 0);
     EXPECT_EQ(fs->GetFeature(), FEATURE_ASYNC_UPLOAD);
     EXPECT_TRUE(log_.Has("[FILESYSTEM] " + point_ + ": Async Upload On", LL_INFO));
     EXPECT_TRUE(log_.Has("[FILESYSTEM] " + point_ + ": Realtime Upload Off", LL_INFO));
