@@ -1,0 +1,167 @@
+// One cached file: a sparse data file, the map of which blocks it holds, and
+// the record that keeps both across restarts.
+#ifndef SKARVO_SERVICES_CACHE_ENTRY_H_
+#define SKARVO_SERVICES_CACHE_ENTRY_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "libfilesystem/cache.h"
+#include "services/block_map.h"
+#include "services/cache_context.h"
+#include "services/cache_records.h"
+
+// Read-ahead that a read asks for: fetch [begin, end) for `handle`.
+struct ReadAheadPlan {
+    bool wanted = false;
+    int64_t begin = 0;
+    int64_t end = 0;
+    std::shared_ptr<_FS_HANDLE> handle;
+    IFetch* fetch = nullptr;
+};
+
+// All operations are thread safe. No lock is held while IFetch::Fetch runs:
+// the fetched bytes are gathered one block at a time in a buffer of their own
+// and then stored under the lock, only into blocks that are still absent, so
+// local writes always win. Once the entry is forgotten
+// (evicted, removed, replaced or shut down) every operation fails with
+// CACHE_NOT_OPENED.
+class CacheEntry {
+  public:
+    struct Files {
+        std::string name;    // stem of both file names
+        std::string data;    // the sparse copy of the file's bytes
+        std::string record;  // the saved EntryRecord
+    };
+
+    // A new, empty entry with a new, empty data file.
+    static std::shared_ptr<CacheEntry> Create(std::shared_ptr<CacheContext> context,
+                                              const Files& files, const std::string& key,
+                                              std::string* error);
+    // An entry as saved in `record`; its data file must exist.
+    static std::shared_ptr<CacheEntry> Restore(std::shared_ptr<CacheContext> context,
+                                               const Files& files, const EntryRecord& record,
+                                               std::string* error);
+    ~CacheEntry();
+
+    CacheEntry(const CacheEntry&) = delete;
+    CacheEntry& operator=(const CacheEntry&) = delete;
+
+    const std::string& Name() const { return files_.name; }
+    std::string Key() const;
+    uint64_t LastUse() const { return lastUse_.load(); }
+    // Marks the entry as used just now.
+    void Touch();
+
+    // The cache service's side.
+    AERROR AddOpen(char mode, int64_t size, IFetch* fetcher);
+    // Undoes one AddOpen. The last one stops read-ahead (waiting for a running
+    // one), saves the record and closes the data file.
+    void ReleaseOpen();
+    int OpenCount() const;
+    // Forgets the entry and deletes its files when it is closed and holds no
+    // written data; false, changing nothing, otherwise.
+    bool EvictIfIdle();
+    uint64_t UnsentBytes() const;
+    // Moves the entry to `key`, taking over `extraOpens` opens of an entry it
+    // replaces, and saves the record durably.
+    AERROR Rekey(const std::string& key, const std::string& extra, int extraOpens);
+    // Detaches the entry for good, deleting its files when asked. A running
+    // read-ahead is told to stop; StopReadAhead waits for it.
+    void Forget(bool deleteFiles);
+    // Stops read-ahead for good and waits until none runs.
+    void StopReadAhead();
+    // Saves the record (after syncing the data) when it changed.
+    AERROR Save();
+    // Stops read-ahead, saves and detaches, keeping the files.
+    void Shutdown();
+
+    // The cache object's side; see ICacheObj.
+    AERROR Read(_READDATA* request, ReadAheadPlan* plan);
+    AERROR Write(_WRITEDATA* request);
+    AERROR Reopen(char mode, int64_t size, IFetch* fetcher);
+    AERROR SetSize(int64_t size);
+    AERROR FillUnwritten(const std::shared_ptr<_FS_HANDLE>& handle);
+    AERROR DropClean();
+    AERROR Commit();
+    AERROR Discard();
+
+    // The read-ahead job's side: runs a plan that Read returned, then reports
+    // the end with ReadAheadEnded (also when the job is dropped unrun).
+    void RunReadAhead(const ReadAheadPlan& plan);
+    void ReadAheadEnded();
+
+  private:
+    class BlockSink;
+    // Lists, under the lock, the absent blocks that must be fetched.
+    using WantedFn = std::function<std::vector<BlockRun>()>;
+    // Runs, under the lock, once every wanted block is held.
+    using ReadyFn = std::function<AERROR()>;
+    struct FillOptions {
+        bool ranged = true;       // false: the protocol only serves whole files
+        bool waitForBusy = true;  // wait for blocks that another fetch is filling
+        const std::atomic<bool>* abort = nullptr;
+    };
+
+    CacheEntry(std::shared_ptr<CacheContext> context, const Files& files);
+
+    AERROR Fill(const WantedFn& wanted, const std::shared_ptr<_FS_HANDLE>& handle, IFetch* fetch,
+                const FillOptions& options, const ReadyFn& ready);
+    AERROR FetchRun(BlockRun run, int64_t limit, uint64_t generation,
+                    const std::shared_ptr<_FS_HANDLE>& handle, IFetch* fetch,
+                    const std::atomic<bool>* abort);
+    AERROR StoreFetched(uint64_t block, const char* data, uint64_t generation);
+
+    // Helpers that expect mutex_ held.
+    std::vector<BlockRun> AbsentRunsLocked(int64_t begin, int64_t end) const;
+    bool IsBusyLocked(uint64_t block) const;
+    int64_t FetchableEndLocked() const;
+    void ApplyOpenSizeLocked(int64_t size);
+    AERROR ExtendLocked(int64_t size);
+    AERROR ShrinkLocked(int64_t size);
+    void LowerFetchLimitLocked(int64_t limit);
+    void DropBlocksLocked(BlockState state);
+    AERROR CopyOutLocked(int64_t offset, int64_t length, char* out);
+    AERROR WriteLocked(int64_t offset, int64_t length, const char* data);
+    void PlanReadAheadLocked(const _READDATA& request, int64_t readEnd, ReadAheadPlan* plan);
+    bool OpenDataLocked();
+    void CloseDataLocked();
+    AERROR SaveLocked();
+    void UpdateUsageLocked();
+
+    const std::shared_ptr<CacheContext> context_;
+    const Files files_;
+    const uint32_t blockSize_;
+    std::atomic<uint64_t> lastUse_{0};
+    std::atomic<bool> stopReadAhead_{false};
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;  // a fetch or a read-ahead ended
+    std::string key_;
+    std::string extra_;
+    BlockMap map_;                // covers at least the blocks below size_
+    int64_t size_ = 0;            // the file's size as the library sees it
+    int64_t fetchLimit_ = 0;      // bytes from here on are never fetched
+    uint64_t generation_ = 0;     // bumped when fetched data in flight goes stale
+    std::vector<BlockRun> busy_;  // runs being fetched
+    int fd_ = -1;
+    int64_t fileLength_ = 0;  // of the data file, while it is open
+    int openCount_ = 0;
+    IFetch* fetcher_ = nullptr;  // from the last Open or Reopen
+    bool ranged_ = true;         // whether the protocol serves ranges (last read)
+    bool dirty_ = false;         // the record differs from what is saved
+    bool forgotten_ = false;
+    bool readAheadRunning_ = false;
+    int64_t lastReadEnd_ = -1;
+    int sequentialReads_ = 0;
+    uint64_t reportedUsed_ = 0;
+    uint64_t reportedUnsent_ = 0;
+};
+
+#endif  // SKARVO_SERVICES_CACHE_ENTRY_H_
