@@ -1,0 +1,371 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "data/cache_io.h"
+#include "export/export_service.h"
+
+namespace {
+
+class CountingExportService : public IExportService {
+  public:
+    void Release() override {}
+    void SetFileSystem(IFileSystemImpl*) override {}
+    int GetDriverState() override { return 0; }
+    void Wait() override {}
+    int Mount(MountParameter&) override { return 0; }
+    void Unmount() override {}
+    bool NotifyDirectoryChange(const char*, NOTIFYEVENT, bool) override { return true; }
+    void ResetTimeout(unsigned long value) override {
+        ++resets;
+        lastValue = value;
+    }
+    int resets = 0;
+    unsigned long lastValue = 0;
+};
+
+class FixedConfig : public IFSConfig {
+  public:
+    FixedConfig(int64_t timeoutReset, int64_t fsTimeout) {
+        values.timeout_reset = timeoutReset;
+        values.fstimeout = fsTimeout;
+    }
+    _FS_CONFIG GetConfig() override { return values; }
+    _FS_CONFIG values{};
+};
+
+// Bytes at offsets, growing as written. The pipes serialise their calls into
+// it, so it needs no lock of its own.
+class MemoryTarget : public ICacheObj {
+  public:
+    AERROR Read(_READDATA* r) override {
+        if (failWith != SUCCESS) return failWith;
+        const uint64_t have = r->offset < static_cast<int64_t>(data.size())
+                                  ? data.size() - static_cast<uint64_t>(r->offset)
+                                  : 0;
+        r->read = static_cast<int64_t>(std::min<uint64_t>(r->size, have));
+        memcpy(r->buffer, data.data() + r->offset, static_cast<size_t>(r->read));
+        return SUCCESS;
+    }
+    AERROR Write(_WRITEDATA* w) override {
+        if (failWith != SUCCESS) return failWith;
+        if (data.size() < w->offset + w->size) data.resize(w->offset + w->size);
+        memcpy(data.data() + w->offset, w->buffer, w->size);
+        w->written = w->size;
+        return SUCCESS;
+    }
+    AERROR Reopen(char, long long, IFetch*) override { return SUCCESS; }
+    AERROR SetSize(long long) override { return SUCCESS; }
+    AERROR FillUnwritten(std::shared_ptr<_FS_HANDLE>) override { return SUCCESS; }
+    AERROR DropClean() override { return SUCCESS; }
+    AERROR Commit() override { return SUCCESS; }
+    AERROR Discard() override { return SUCCESS; }
+
+    std::vector<char> data;
+    AERROR failWith = SUCCESS;
+};
+
+std::vector<char> RandomBytes(size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    std::vector<char> bytes(size);
+    for (char& c : bytes)
+        c = static_cast<char>(random());
+    return bytes;
+}
+
+AERROR WriteAt(ICacheIO& io, const std::vector<char>& bytes, size_t offset, size_t size) {
+    _WRITEDATA w;
+    w.buffer = bytes.data() + offset;
+    w.offset = static_cast<int64_t>(offset);
+    w.size = size;
+    const AERROR result = io.Write(&w);
+    if (result == SUCCESS) {
+        EXPECT_EQ(w.written, size);
+    }
+    return result;
+}
+
+struct ReadResult {
+    AERROR code;
+    std::string bytes;
+    uint64_t size;  // the request's size after the call
+};
+
+ReadResult ReadAt(ICacheIO& io, int64_t offset, uint64_t size) {
+    std::string out(size, '\0');
+    _READDATA r;
+    r.buffer = &out[0];
+    r.offset = offset;
+    r.size = size;
+    const AERROR code = io.Read(&r);
+    out.resize(code == SUCCESS ? static_cast<size_t>(r.read) : 0);
+    return {code, out, r.size};
+}
+
+// Hang guard for work that may block: a pipe that never gives up would
+// otherwise stall the whole run, so it ends the process with a message.
+template <typename T>
+T Await(std::future<T>& pending, const char* what) {
+    if (pending.wait_for(std::chrono::seconds(120)) != std::future_status::ready) {
+        fprintf(stderr, "%s did not return\n", what);
+        std::abort();
+    }
+    return pending.get();
+}
+
+// Starts a read on another thread.
+std::future<ReadResult> ReadAsync(ICacheIO& io, int64_t offset, uint64_t size) {
+    return std::async(std::launch::async, [&io, offset, size] { return ReadAt(io, offset, size); });
+}
+
+// Gives a reader just started the chance to reach its wait before the handle
+// is closed; the expected outcome is the same if it has not.
+void LetItBlock() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+}
+
+std::string Str(const std::vector<char>& bytes, size_t offset, size_t size) {
+    return std::string(bytes.data() + offset, size);
+}
+
+// --- PreventTimeoutCacheIO ---------------------------------------------------
+
+TEST(PreventTimeoutCacheIOTest, ForwardsToTheCacheObjectAndPassesItsResultOn) {
+    auto target = std::make_shared<MemoryTarget>();
+    CountingExportService service;
+    FixedConfig config(0, 20000);
+    PreventTimeoutCacheIO io(target, &service, &config);
+    const auto bytes = RandomBytes(100, 1);
+
+    EXPECT_EQ(WriteAt(io, bytes, 0, 100), SUCCESS);
+    EXPECT_EQ(ReadAt(io, 10, 20).bytes, Str(bytes, 10, 20));
+    target->failWith = FILE_NOT_FOUND;
+    EXPECT_EQ(ReadAt(io, 0, 10).code, FILE_NOT_FOUND);
+    EXPECT_EQ(WriteAt(io, bytes, 0, 10), FILE_NOT_FOUND);
+
+    // Without a cache object nothing moves, so nothing is reset either.
+    CountingExportService idle;
+    PreventTimeoutCacheIO empty(nullptr, &idle, &config);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(ReadAt(empty, 0, 10).code, ACCESS_VIOLATION);
+    EXPECT_EQ(WriteAt(empty, bytes, 0, 10), ACCESS_VIOLATION);
+    EXPECT_EQ(idle.resets, 0);
+}
+
+TEST(PreventTimeoutCacheIOTest, ResetsOnlyOnceTheIntervalHasPassed) {
+    auto target = std::make_shared<MemoryTarget>();
+    target->data.resize(64);
+    {
+        // Reads far quicker than the interval never reset.
+        CountingExportService service;
+        FixedConfig config(5000, 20000);
+        PreventTimeoutCacheIO io(target, &service, &config);
+        for (int i = 0; i < 1000; ++i)
+            ASSERT_EQ(ReadAt(io, 0, 64).code, SUCCESS);
+        EXPECT_EQ(service.resets, 0);
+    }
+    {
+        // Each transfer that comes after the interval resets, with fstimeout.
+        CountingExportService service;
+        FixedConfig config(1, 20000);
+        PreventTimeoutCacheIO io(target, &service, &config);
+        for (int i = 0; i < 3; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            ASSERT_EQ(ReadAt(io, 0, 64).code, SUCCESS);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            ASSERT_EQ(WriteAt(io, RandomBytes(8, 3), 0, 8), SUCCESS);
+        }
+        EXPECT_EQ(service.resets, 6);
+        EXPECT_EQ(service.lastValue, 20000u);
+    }
+    // Missing collaborators disable the reset without harming the transfer.
+    CountingExportService service;
+    FixedConfig config(0, 20000);
+    PreventTimeoutCacheIO noService(target, nullptr, &config);
+    PreventTimeoutCacheIO noConfig(target, &service, nullptr);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(ReadAt(noService, 0, 64).code, SUCCESS);
+    EXPECT_EQ(ReadAt(noConfig, 0, 64).code, SUCCESS);
+    EXPECT_EQ(service.resets, 0);
+}
+
+// --- EvCache -----------------------------------------------------------------
+
+TEST(EvCacheTest, DeliversBytesInOrderUpToTheTotal) {
+    auto handle = std::make_shared<_FS_HANDLE>();
+    const auto bytes = RandomBytes(150, 4);
+
+    EvCache empty(handle, 0);
+    auto first = ReadAsync(empty, 0, 10);  // nothing to wait for
+    EXPECT_EQ(Await(first, "end of an empty pipe").code, SUCCESS);
+
+    EvCache pipe(handle, 100);
+    ASSERT_EQ(WriteAt(pipe, bytes, 0, 60), SUCCESS);
+    ASSERT_EQ(WriteAt(pipe, bytes, 60, 90), SUCCESS);
+    EXPECT_EQ(ReadAt(pipe, 0, 50).bytes, Str(bytes, 0, 50));
+    EXPECT_EQ(ReadAt(pipe, 100, 10).code, FILE_READ_FAILED);  // no seeking
+    EXPECT_EQ(ReadAt(pipe, 0, 10).code, FILE_READ_FAILED);
+    // The rest up to the total, though more was written; then the end.
+    EXPECT_EQ(ReadAt(pipe, 50, 1000).bytes, Str(bytes, 50, 50));
+    const ReadResult end = ReadAt(pipe, 100, 10);
+    EXPECT_EQ(end.code, SUCCESS);
+    EXPECT_EQ(end.bytes, "");
+}
+
+TEST(EvCacheTest, RaisesTheFetchMarkToWhatItReceivedWhileLittleIsBuffered) {
+    auto handle = std::make_shared<_FS_HANDLE>();
+    const auto bytes = RandomBytes(4 << 20, 5);
+
+    EvCache pipe(handle, 1000);
+    ASSERT_EQ(WriteAt(pipe, bytes, 0, 100), SUCCESS);
+    ASSERT_EQ(ReadAt(pipe, 0, 40).code, SUCCESS);
+    EXPECT_EQ(handle->fetchMark, 100);
+    ASSERT_EQ(WriteAt(pipe, bytes, 100, 900), SUCCESS);
+    ASSERT_EQ(ReadAt(pipe, 40, 10).code, SUCCESS);
+    EXPECT_EQ(handle->fetchMark, 100);  // everything has arrived
+
+    handle->fetchMark = 0;
+    EvCache full(handle, 4 << 20);
+    ASSERT_EQ(WriteAt(full, bytes, 0, 3 << 20), SUCCESS);
+    ASSERT_EQ(ReadAt(full, 0, 1).code, SUCCESS);
+    EXPECT_EQ(handle->fetchMark, 0);  // 2 MiB or more are waiting
+    ASSERT_EQ(ReadAt(full, 1, (1 << 20) + 1).code, SUCCESS);
+    EXPECT_EQ(handle->fetchMark, 3 << 20);
+}
+
+TEST(EvCacheTest, ClosingTheHandleEndsTheRead) {
+    auto handle = std::make_shared<_FS_HANDLE>();
+    EvCache pipe(handle, 100);
+    auto blocked = ReadAsync(pipe, 0, 10);
+    LetItBlock();
+    handle->state = HANDLE_STATE_CLOSED;
+    EXPECT_EQ(Await(blocked, "a read on a closed handle").code, FAILED);
+
+    ASSERT_EQ(WriteAt(pipe, RandomBytes(10, 6), 0, 10), SUCCESS);
+    EXPECT_EQ(ReadAt(pipe, 0, 10).code, FAILED);  // closed before the read
+
+    EvCache noHandle(nullptr, 100);
+    ASSERT_EQ(WriteAt(noHandle, RandomBytes(10, 6), 0, 10), SUCCESS);
+    EXPECT_EQ(ReadAt(noHandle, 0, 10).code, FAILED);
+}
+
+// --- FileCache ---------------------------------------------------------------
+
+TEST(FileCacheTest, ReadsAnywhereBelowWhatWasFilled) {
+    auto handle = std::make_shared<_FS_HANDLE>();
+    auto target = std::make_shared<MemoryTarget>();
+    const auto bytes = RandomBytes(8192, 7);
+    FileCache cache(handle, 8192, target);
+
+    ASSERT_EQ(WriteAt(cache, bytes, 0, 4096), SUCCESS);
+    const ReadResult cut = ReadAt(cache, 1024, 8192);
+    EXPECT_EQ(cut.code, SUCCESS);
+    EXPECT_EQ(cut.size, 3072u);
+    EXPECT_EQ(cut.bytes, Str(bytes, 1024, 3072));
+    EXPECT_EQ(handle->fetchMark, 4096);
+    EXPECT_EQ(ReadAt(cache, 0, 16).bytes, Str(bytes, 0, 16));  // backwards is fine
+
+    ASSERT_EQ(WriteAt(cache, bytes, 4096, 4096), SUCCESS);
+    EXPECT_EQ(ReadAt(cache, 8000, 500).bytes, Str(bytes, 8000, 192));
+    EXPECT_EQ(handle->fetchMark, 16);  // not raised to the total
+    const ReadResult end = ReadAt(cache, 8192, 10);
+    EXPECT_EQ(end.code, SUCCESS);
+    EXPECT_EQ(end.bytes, "");
+}
+
+TEST(FileCacheTest, TargetFailuresBecomePipeFailures) {
+    auto handle = std::make_shared<_FS_HANDLE>();
+    auto target = std::make_shared<MemoryTarget>();
+    const auto bytes = RandomBytes(200, 8);
+    FileCache cache(handle, 200, target);
+    ASSERT_EQ(WriteAt(cache, bytes, 0, 100), SUCCESS);
+
+    target->failWith = FILE_NOT_FOUND;
+    EXPECT_EQ(ReadAt(cache, 0, 10).code, FILE_READ_FAILED);
+    EXPECT_EQ(WriteAt(cache, bytes, 100, 100), FILE_WRITE_FAILED);
+
+    // The failed write filled nothing: a read there still waits, until close.
+    target->failWith = SUCCESS;
+    auto blocked = ReadAsync(cache, 100, 10);
+    LetItBlock();
+    handle->state = HANDLE_STATE_CLOSED;
+    EXPECT_EQ(Await(blocked, "a read on a closed handle").code, FAILED);
+    EXPECT_EQ(ReadAt(cache, 0, 10).code, FAILED);
+}
+
+// --- Both pipes under a producer and a consumer -----------------------------
+
+// The producer keeps at most about 1 MiB ahead of the handle's fetch mark, as
+// a fetcher that tops the pipe up would; the consumer reads in random sizes.
+void StreamThrough(ICacheIO& pipe, _FS_HANDLE& handle, const std::vector<char>& bytes) {
+    std::thread producer([&] {
+        std::mt19937 random(9);
+        for (size_t at = 0; at < bytes.size() && !handle.IsClosing();) {
+            if (static_cast<int64_t>(at) - handle.fetchMark >= (1 << 20)) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                continue;
+            }
+            const size_t chunk = std::min<size_t>(bytes.size() - at, 1 + random() % 70000);
+            ASSERT_EQ(WriteAt(pipe, bytes, at, chunk), SUCCESS);
+            at += chunk;
+        }
+    });
+    std::vector<int64_t> marks;
+    auto consumer = std::async(std::launch::async, [&] {
+        std::mt19937 random(10);
+        std::string received;
+        while (true) {
+            const ReadResult r = ReadAt(pipe, received.size(), 1 + random() % 50000);
+            if (r.code != SUCCESS || r.bytes.empty()) return received;
+            received += r.bytes;
+            marks.push_back(handle.fetchMark);
+        }
+    });
+    const std::string received = Await(consumer, "the stream");
+    handle.state = HANDLE_STATE_CLOSED;  // frees a producer left waiting
+    producer.join();
+    EXPECT_TRUE(received == std::string(bytes.begin(), bytes.end()));
+    ASSERT_FALSE(marks.empty());
+    EXPECT_TRUE(std::is_sorted(marks.begin(), marks.end()));
+    EXPECT_GT(marks.back(), 1 << 20);
+    EXPECT_LT(marks.back(), static_cast<int64_t>(bytes.size()));
+}
+
+TEST(PipeStreamTest, EvCacheCarriesEightMiBIntact) {
+    auto handle = std::make_shared<_FS_HANDLE>();
+    const auto bytes = RandomBytes(8 << 20, 11);
+    EvCache pipe(handle, static_cast<long long>(bytes.size()));
+    StreamThrough(pipe, *handle, bytes);
+}
+
+TEST(PipeStreamTest, FileCacheCarriesEightMiBIntact) {
+    auto handle = std::make_shared<_FS_HANDLE>();
+    const auto bytes = RandomBytes(8 << 20, 12);
+    FileCache pipe(handle, static_cast<long long>(bytes.size()), std::make_shared<MemoryTarget>());
+    StreamThrough(pipe, *handle, bytes);
+}
+
+// --- FetchToBuffer -------------------------------------------------------------
+
+TEST(FetchToBufferTest, EveryChunkLandsAtTheStart) {
+    char destination[8] = "-------";
+    FetchToBuffer callback(destination);
+    long written = 0;
+    EXPECT_EQ(callback.FetchWrite(0, "abcdef", 6, &written), SUCCESS);
+    EXPECT_EQ(written, 6);
+    EXPECT_EQ(callback.FetchWrite(6, "XY", 2, nullptr), SUCCESS);
+    EXPECT_STREQ(destination, "XYcdef-");
+    EXPECT_EQ(callback.GetTotalWritten(), 8);
+}
+
+}  // namespace
