@@ -173,10 +173,7 @@ AERROR FileSystem::AddProtocol(std::shared_ptr<IProtocol_V2> protocol, const cha
     auto entry = std::make_shared<_FS_PROTOCOL>();
     entry->protocol = protocol;
     entry->root = std::make_shared<File>(protocol, this, this, nullptr, nullptr, notifier_.load());
-    {
-        std::lock_guard<std::recursive_mutex> rootLock(*entry->root->GetChildLock());
-        entry->root->AddHash(entry->root->Key(), entry->root);
-    }
+    entry->root->AddHash(entry->root->Key(), entry->root);
     protocols_.emplace(identity, entry);
     protocolOrder_.push_back(entry);
     ++protocolCount_;

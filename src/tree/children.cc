@@ -19,6 +19,7 @@ std::shared_ptr<File> File::AddChild(const _FS_FILE_V2* record, bool lock) {
     if (it == children_.end()) {
         auto child =
             std::make_shared<File>(protocol_, fileSystem_, config_, record, this, notifier_);
+        child->SetParent(this);
         it = children_.emplace(folded, std::move(child)).first;
         childCount_ = children_.size();
     }
@@ -30,7 +31,7 @@ void File::AddChild(std::shared_ptr<File> node, bool lock) {
     {
         std::unique_lock<std::recursive_mutex> guard(childLock_, std::defer_lock);
         if (lock) guard.lock();
-        node->parent_ = this;
+        node->SetParent(this);
         children_[FoldName(node->Name())] = node;
         childCount_ = children_.size();
     }

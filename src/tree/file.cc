@@ -81,11 +81,21 @@ File::File(std::shared_ptr<IProtocol_V2> protocol, IFileSystemInternal* fs, IFSC
         *info = copy;
     }
     remoteKey_ = info->key;
+    fetchableSize_ = info->size;
     info_ = info;
     if (IsFolder()) AddMarkerFiles();
 }
 
 File::~File() = default;
+
+void File::SetParent(File* parent) {
+    // A folder being constructed (adding its marker files) is not yet held
+    // by a shared pointer; its children keep the plain pointer only.
+    std::shared_ptr<File> reference = parent != nullptr ? parent->weak_from_this().lock() : nullptr;
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    parent_ = parent;
+    parentRef_ = std::move(reference);
+}
 
 void File::AddMarkerFiles() {
     _FS_FILE_V2 marker;
@@ -120,7 +130,7 @@ std::string File::MountPoint() const {
 File* File::GetRootFile() {
     File* node = this;
     while (node->parent_ != nullptr)
-        node = node->parent_;
+        node = node->Parent();
     return node;
 }
 
@@ -136,9 +146,39 @@ std::string File::RemoteKey() const {
     return remoteKey_;
 }
 
+void File::AddHash(const std::string& key, std::shared_ptr<File> file) {
+    std::lock_guard<std::mutex> lock(hashLock_);
+    hashes_[key] = std::move(file);
+}
+
+void File::RemoveHash(const std::string& key) {
+    std::lock_guard<std::mutex> lock(hashLock_);
+    hashes_.erase(key);
+}
+
+std::shared_ptr<File> File::FindHash(const std::string& key) {
+    std::lock_guard<std::mutex> lock(hashLock_);
+    auto it = hashes_.find(key);
+    return it == hashes_.end() ? nullptr : it->second;
+}
+
 void File::ClearHashForChanges() {
-    std::lock_guard<std::recursive_mutex> lock(childLock_);
+    std::lock_guard<std::mutex> lock(hashLock_);
     hashes_.clear();
+}
+
+void File::IndexForChanges(const std::shared_ptr<File>& node) {
+    if (!node || !protocol_ || (protocol_->GetCapabilities() & PROTOCOL_CAP_REPORTS_CHANGES) == 0) {
+        return;
+    }
+    const std::string key = node->Key();
+    if (!key.empty()) GetRootFile()->AddHash(key, node);
+}
+
+void File::ReportError(int kind, AERROR code, void* cookie) {
+    if (auto sink = GetFSEvent()) {
+        sink->Error(kind, code, BuildLocalPathA('/').c_str(), BuildOriginPathA().c_str(), cookie);
+    }
 }
 
 time_t File::FileTimeToTimet(uint32_t low, uint32_t high) {
@@ -149,7 +189,7 @@ time_t File::FileTimeToTimet(uint32_t low, uint32_t high) {
 
 std::string File::BuildPathA(char sep) const {
     std::deque<std::string> names;
-    for (const File* node = this; node != nullptr; node = node->parent_) {
+    for (const File* node = this; node != nullptr; node = node->Parent()) {
         names.push_front(node->Name());
     }
     std::string path;
@@ -174,9 +214,11 @@ std::string File::BuildOriginPathA() const {
 }
 
 std::wstring File::BuildPathForCache(char sep) const {
-    // Cache keys are file names on some hosts: ':' is escaped (as "%3A", and
-    // '%' itself as "%25") so that every path keeps a distinct, stable key.
+    // Keys start with the separator ("\dir\file.txt"). Cache keys are file
+    // names on some hosts: ':' is escaped (as "%3A", and '%' itself as
+    // "%25") so that every path keeps a distinct, stable key.
     std::wostringstream key;
+    key << static_cast<wchar_t>(sep);
     for (wchar_t c : BuildPath(sep)) {
         if (c == L':') {
             key << L"%3A";
@@ -198,7 +240,7 @@ std::wstring File::GetFileNameForPrintW() const {
 
 std::string File::BuildPathForPrint(char sep, bool raw) const {
     std::deque<std::string> names;
-    for (const File* node = this; node != nullptr; node = node->parent_) {
+    for (const File* node = this; node != nullptr; node = node->Parent()) {
         names.push_front(raw ? node->Name() : DoublePercent(node->Name()));
     }
     std::string path;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -35,7 +36,7 @@ constexpr uint32_t FILE_STATE_DELETING = 3;  // to be deleted when its handle cl
 // children, the protocol that serves it and the file system that owns it,
 // and carries the state that reads, writes and uploads of the item need.
 // Nodes are always held by shared pointer.
-class File : public IFetch, public IFileChanges {
+class File : public IFetch, public IFileChanges, public std::enable_shared_from_this<File> {
   public:
     using Clock = std::chrono::steady_clock;
     using Children = std::unordered_map<std::string, std::shared_ptr<File>>;
@@ -62,7 +63,12 @@ class File : public IFetch, public IFileChanges {
     std::shared_ptr<IFSEvent> GetFSEvent() const;
     std::string MountPoint() const;
     File* GetRootFile();
-    File* GetParent() const { return parent_; }
+    File* GetParent() const { return parent_.load(); }
+    File* Parent() const { return parent_.load(); }
+    // Puts the node under `parent`. The node holds its parent as long as it
+    // lives, so that a node kept by an upload or an open handle after its
+    // folder left the tree still reaches it.
+    void SetParent(File* parent);
     bool IsRoot() const { return (Info()->attributes & FILE_ATTRIBUTE_ROOT) != 0; }
     bool IsFolder() const { return (Info()->attributes & FILE_ATTRIBUTE_FOLDER) != 0; }
     bool IsUploading() const {
@@ -85,10 +91,34 @@ class File : public IFetch, public IFileChanges {
     std::string RemoteKey() const;
     FileHandles& Handles() { return handles_; }
 
-    // Remote keys of folders, kept on a protocol's root so that change
-    // reports can find the folder they name. The caller holds the child lock.
-    void AddHash(const std::string& key, std::shared_ptr<File> file) { hashes_[key] = file; }
+    // Remote keys of listed items, kept on a protocol's root so that change
+    // reports can find what they name. The index has a lock of its own, so
+    // that reports never hold a tree lock while taking another.
+    void AddHash(const std::string& key, std::shared_ptr<File> file);
+    void RemoveHash(const std::string& key);
+    std::shared_ptr<File> FindHash(const std::string& key);
     void ClearHashForChanges();
+    // Tells the host that the free space changed.
+    void UpdateFreeSpace();
+    // Stores the node on the remote at once, empty or with its cached data.
+    AERROR Touch(IExportService* service);
+
+    // Namespace changes. Each calls the protocol first and changes the tree
+    // only once it succeeded; a failure is reported to the event sink once.
+    AERROR CreateDirectory(const char* name);
+    AERROR unlink(bool lock);
+    // Marks the node for deletion when its handle is cleaned up.
+    AERROR DeleteFile(_FS_HANDLE_EXT* handle, bool deleting);
+    // Renames this node within its folder.
+    AERROR RenameFile(std::shared_ptr<File> self, const char* newName, bool notify);
+    // Renames `source`, a child of this folder, to `newName`, replacing an
+    // item of that name.
+    AERROR RenameFile(std::shared_ptr<File> source, const std::string& newName,
+                      const std::string& process);
+    // Moves this node into `newParent`, renaming it when `newName` is not
+    // empty and differs from its name.
+    AERROR MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParent,
+                    std::string newName);
 
     static time_t FileTimeToTimet(uint32_t low, uint32_t high);
 
@@ -127,6 +157,9 @@ class File : public IFetch, public IFileChanges {
     // Lists the folder now, whatever the age of its last listing.
     AERROR FetchListWithNoDetectChanges(std::shared_ptr<File> self);
     bool HasAnyOpenedChildHandle();
+    // Whether the folder holds anything but items that exist only locally
+    // and are empty (its marker files).
+    bool HasEntries();
     void ClearChildrens();
     size_t ChildCount();
     // ".", "..", then one entry per child, named as the server spells it.
@@ -146,18 +179,81 @@ class File : public IFetch, public IFileChanges {
     void MergeListing(const Children& added, const Children& unseen);
     void ListingDone(FindFiles* job);
 
+    // File data. `mode` is 'r' or 'w'; `handle` receives the new handle.
+    AERROR Open(char mode, unsigned long flags, unsigned long spare, const std::string& processName,
+                std::shared_ptr<_FS_HANDLE_EXT>& handle, const char* extra);
+    void OpenCache(char mode);
+    // Reopens the node's cache object for `mode`, opening one if it has none.
+    void ReopenCache(char mode);
+    void CloseCache();
+    std::shared_ptr<ICacheObj> CacheObject();
+    AERROR ReadFile(_FS_HANDLE_EXT* handle, void* buffer, unsigned long size, unsigned long* read,
+                    long long offset, IExportService* exportService);
+    AERROR WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long size,
+                     unsigned long* written, long long offset, IExportService* exportService);
+    AERROR SetEndOfFile(_FS_HANDLE_EXT* handle, long long size);
+    AERROR SetAllocationSize(_FS_HANDLE_EXT* handle, long long size);
+    AERROR ftruncate(const std::string& path, long long size);
+    bool IsOfflineOnly() const { return (Info()->attributes & FILE_ATTRIBUTE_NO_DELETE) != 0; }
+    uint32_t GetUploadState() const { return uploadState_.load(); }
+    void SetUploadState(uint32_t state) { uploadState_ = state; }
+    // The pipe a running streaming upload takes written data from.
+    void SetStreamingPipe(std::shared_ptr<ICacheIO> pipe);
+    std::shared_ptr<ICacheIO> StreamingPipe();
+    long long FetchableSize() const;
+
     // Handles and background work of the whole subtree.
     void CloseAllHandles();
+    // Uploads of this node queued or running.
     int CountUploadings();
+    // Stops the running upload and drops the queued ones; the data stays
+    // cached.
     void CancelUploadings();
+    // Runs the node's queued jobs until none is left.
     void ProcessJobs();
+    // Drops the queued jobs that have not started; new data makes them stale.
+    void CancelAsyncJobs();
+    // Waits until no job of the node runs.
+    void WaitAsyncJobs();
+    File& operator<<(std::shared_ptr<_ASYNCJOB> job);
+
+    // Uploads the node's cached content once; RETRY_UPLOAD asks for another
+    // try.
+    AERROR AsyncJobUpload(AERROR result, std::shared_ptr<_ASYNCJOB> job,
+                          IExportService* exportService);
+    // Uploads at once, on the caller's thread, on behalf of `handle`.
+    AERROR UploadNow(std::shared_ptr<_FS_HANDLE_EXT> handle, IExportService* exportService);
+    // Writes the cached content to a local file (through a temporary file
+    // renamed into place).
+    AERROR SaveCacheToFile(const std::string& path);
+    // What the host may do about a failed upload.
+    AERROR UploadCacheSave(std::shared_ptr<File> self, const char* localPath);
+    AERROR UploadCacheRetry(std::shared_ptr<File> self);
+    AERROR UploadCacheCancel(std::shared_ptr<File> self);
+    // Releasing `handle`: closes it, uploads new content (queued or at once)
+    // when it was the last writer, and carries out a delete on close.
+    AERROR Cleanup(_FS_HANDLE_EXT* handle, bool deleting, IExportService* exportService);
+    // The node was deleted on the remote: nothing of it is uploaded any more.
+    bool IsRemoved() const { return removed_.load(); }
+    void UpdateLastWrite() { ++writeGeneration_; }
 
   private:
     AERROR RunListing(std::shared_ptr<File> self, bool background);
+    AERROR WriteStreaming(const std::shared_ptr<_FS_HANDLE_EXT>& record, _WRITEDATA& request,
+                          unsigned long* written, IExportService* exportService);
     void AddMarkerFiles();
     // Replaces the record with `record`; the caller holds dataMutex_.
     void PublishInfo(std::shared_ptr<_FS_FILE_EXT> record) { std::atomic_store(&info_, record); }
     void Notify(NOTIFYEVENT event, const std::wstring& path, const std::wstring* newPath = nullptr);
+    // Reports a failed remote operation of `kind` to the event sink.
+    void ReportError(int kind, AERROR code, void* cookie);
+    // Renames the node (the remote item first when it has one) and, when
+    // `rekey`, its entry in the parent's child map.
+    AERROR RenameInPlace(const std::string& newName, bool rekey, void** cookie);
+    // Forgets the node's children so that the folder is listed again.
+    void ForgetChildren();
+    // Indexes `node` on the root when the protocol reports changes itself.
+    void IndexForChanges(const std::shared_ptr<File>& node);
 
     std::atomic<Clock::time_point> listedAt_{Clock::time_point{}};
     std::atomic<Clock::time_point> updatedAt_;
@@ -169,8 +265,10 @@ class File : public IFetch, public IFileChanges {
     Children children_;
     // children_.size(), readable without the child lock.
     std::atomic<size_t> childCount_{0};
-    Children hashes_;
-    File* parent_;
+    std::mutex hashLock_;
+    Children hashes_;  // guarded by hashLock_
+    std::atomic<File*> parent_;
+    std::shared_ptr<File> parentRef_;         // guarded by dataMutex_
     std::shared_ptr<ICacheObj> cacheObject_;  // guarded by dataMutex_
     std::string cacheKey_;                    // guarded by dataMutex_
     // The cache service may hold clean data of an older remote version of
@@ -182,18 +280,34 @@ class File : public IFetch, public IFileChanges {
     std::shared_ptr<IProtocol_V2> protocol_;
     std::mutex listingMutex_;  // guards pendingListing_
     std::shared_ptr<FindFiles> pendingListing_;
-    std::shared_ptr<ICacheIO> streamingPipe_;
+    std::shared_ptr<ICacheIO> streamingPipe_;  // guarded by stateMutex_
     std::atomic<uint32_t> fileState_{FILE_STATE_NEW};
     std::atomic<uint32_t> uploadState_{1};
     std::atomic<uint8_t> modified_{0};
     std::atomic<bool> noListing_{false};
     std::string remoteKey_;
+    // The length that may be fetched from the remote; bytes past it were
+    // written locally. Guarded by dataMutex_.
+    int64_t fetchableSize_ = 0;
+    // When the remote record of the file was last checked on open.
+    std::atomic<Clock::time_point> lastCheck_{Clock::time_point{}};
+    // Set while the content comes from a local source of the upload side
+    // rather than from writes; empty otherwise.
+    std::string uploadSource_;
     std::string (*adjustTime_)(const char*);
     std::string (*adjustOffset_)(long);
     IFileSystemInternal* fileSystem_;
     std::atomic<bool> listed_{false};
     std::mutex jobLock_;
     std::deque<std::shared_ptr<_ASYNCJOB>> jobs_;
+    bool jobRunning_ = false;  // the front job runs; guarded by jobLock_
+    std::condition_variable jobsDone_;
+    // Set by CancelUploadings: the running upload's source fails at once.
+    std::atomic<bool> uploadCanceled_{false};
+    std::atomic<bool> removed_{false};
+    // Counts changes of the content, so that an upload knows whether what it
+    // sent is still the latest.
+    std::atomic<uint64_t> writeGeneration_{0};
     FileHandles handles_;
     uint64_t serial_;
 };

@@ -26,10 +26,10 @@ AERROR FindFiles::AddFile(const _FS_FILE_V2* record) {
     if (added_.count(folded) != 0) return SUCCESS;
     auto node = folder_->NewChild(record);
     added_.emplace(folded, node);
-    if (reportsChanges_ && (record->attributes & FILE_ATTRIBUTE_FOLDER) != 0) {
-        File* root = folder_->GetRootFile();
-        std::lock_guard<std::recursive_mutex> lock(*root->GetChildLock());
-        root->AddHash(record->key, node);
+    // Folders are indexed so that reports on their entries find them, and
+    // files too, so that a report of a changed file reaches its node.
+    if (reportsChanges_ && !record->key.empty()) {
+        folder_->GetRootFile()->AddHash(record->key, node);
     }
     return SUCCESS;
 }

@@ -8,7 +8,9 @@
 #include "tree/find_files.h"
 
 std::shared_ptr<File> File::NewChild(const _FS_FILE_V2* record) {
-    return std::make_shared<File>(protocol_, fileSystem_, config_, record, this, notifier_);
+    auto child = std::make_shared<File>(protocol_, fileSystem_, config_, record, this, notifier_);
+    child->SetParent(this);
+    return child;
 }
 
 std::shared_ptr<File> File::GetFile(const char* name, std::shared_ptr<File> self) {
@@ -109,6 +111,15 @@ void File::MergeListing(const Children& added, const Children& unseen) {
     }
 }
 
+bool File::HasEntries() {
+    std::lock_guard<std::recursive_mutex> lock(childLock_);
+    for (const auto& [folded, child] : children_) {
+        if (folded != ".ql_disablethumbnails" && folded != ".ql_disablecache") return true;
+        if (!child->Key().empty() || child->Info()->size != 0) return true;
+    }
+    return false;
+}
+
 bool File::HasAnyOpenedChildHandle() {
     std::vector<std::shared_ptr<File>> children;
     {
@@ -135,7 +146,7 @@ AERROR File::readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out) {
         out.push_back(entry);
         entry.name = "..";
         if (parent_ != nullptr) {
-            parent_->getattr(&entry.st);
+            Parent()->getattr(&entry.st);
         } else {
             getattr(&entry.st);
         }

@@ -5,7 +5,8 @@
 // The remote content changed when the incoming record's size differs from
 // the size the node last took from the remote (knownSize), or its
 // modification time differs from the node's. Then the node's cached clean
-// data is dropped so that the next read fetches the new content; data being
+// data is dropped, and its cache object reopened at the new size, so that the
+// next read fetches the new content; data being
 // written locally stays and is uploaded later: the local writer wins, and
 // while it writes the node keeps showing its local size and time. When the
 // node's path changed (a rename or move), its cache entry is re-keyed.
@@ -32,6 +33,8 @@ void File::Update(const _FS_FILE_V2* record, bool, bool) {
         if (localWriter) {
             next->size = current->size;
             next->modifyTime = current->modifyTime;
+        } else {
+            fetchableSize_ = next->size;
         }
         if (!copy.key.empty()) remoteKey_ = copy.key;
         PublishInfo(next);
@@ -42,6 +45,7 @@ void File::Update(const _FS_FILE_V2* record, bool, bool) {
     if (contentChanged) {
         if (cacheObject) {
             cacheObject->DropClean();
+            cacheObject->Reopen('r', Info()->size, this);
         } else {
             cacheStale_ = true;
         }

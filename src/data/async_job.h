@@ -1,0 +1,25 @@
+// A job queued on a node: upload its content, or save it to a local file.
+#ifndef LIBFS_DATA_ASYNC_JOB_H_
+#define LIBFS_DATA_ASYNC_JOB_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "fs/file_handles.h"
+
+constexpr uint64_t ASYNCJOB_UPLOAD = 1;
+constexpr uint64_t ASYNCJOB_SAVE = 4;
+
+struct _ASYNCJOB {
+    uint64_t kind = ASYNCJOB_UPLOAD;
+    // A duplicate of the open that produced the job, on whose behalf the
+    // job fetches and uploads; closed when the job leaves the queue.
+    std::shared_ptr<_FS_HANDLE_EXT> handle;
+    // The open itself: once it is closed, a failure is put to the host.
+    std::shared_ptr<_FS_HANDLE_EXT> origin;
+    // For ASYNCJOB_SAVE: the local file to write.
+    std::string target;
+};
+
+#endif  // LIBFS_DATA_ASYNC_JOB_H_

@@ -1,0 +1,231 @@
+// Creating folders, deleting, renaming and moving items, on the remote first
+// and then in the tree.
+#include <vector>
+
+#include "api/log.h"
+#include "data/cache_service.h"
+#include "fs/filesystem_interfaces.h"
+#include "tree/file.h"
+
+namespace {
+
+void Release(IProtocol_V2* protocol, void* cookie) {
+    if (protocol != nullptr && cookie != nullptr) protocol->ReleaseCookie(cookie);
+}
+
+}  // namespace
+
+AERROR File::CreateDirectory(const char* name) {
+    if (name == nullptr || !IsAcceptableName(name)) return INVALID_NAME;
+    if (GetFileWithNoFetch(name)) return ALREADY_EXISTS;
+    if (!protocol_) return FAILED;
+    _FS_FILE_V2 record;
+    record.name = name;
+    record.attributes = FILE_ATTRIBUTE_FOLDER;
+    void* cookie = nullptr;
+    const AERROR result = protocol_->CreateFolder(Key().c_str(), &record, &cookie);
+    if (result == SUCCESS) {
+        if (!IsAcceptableName(record.name)) record.name = name;
+        record.attributes |= FILE_ATTRIBUTE_FOLDER;
+        if (auto node = AddChild(&record, true)) {
+            IndexForChanges(node);
+            Notify(NE_MKDIR, node->BuildPath('\\'));
+        }
+    } else {
+        ReportError(FSEVENT_CREATE_FOLDER_FAILED, result, cookie);
+    }
+    Release(protocol_.get(), cookie);
+    return result;
+}
+
+AERROR File::unlink(bool lock) {
+    CancelAsyncJobs();
+    _FS_FILE_V2 record(*Info());
+    record.key = RemoteKey();
+    AERROR result = SUCCESS;
+    void* cookie = nullptr;
+    if (protocol_ && !record.key.empty()) {
+        if (IsFolder()) {
+            result = protocol_->DeleteFolder(&record, &cookie);
+        } else if ((record.attributes & FILE_ATTRIBUTE_NO_DELETE) == 0) {
+            result = protocol_->DeleteItem(&record, &cookie);
+        }
+    }
+    if (result != SUCCESS) {
+        ReportError(FSEVENT_DELETE_FAILED, result, cookie);
+        Release(protocol_.get(), cookie);
+        return result;
+    }
+    if (parent_ != nullptr) Parent()->RemoveChild(record.name.c_str(), lock);
+    if (!record.key.empty()) GetRootFile()->RemoveHash(record.key);
+    // The item is gone: so is whatever the cache held of it, written data
+    // that was never uploaded included.
+    if (!IsFolder()) {
+        auto cacheObject = CacheObject();
+        if (cacheObject) cacheObject->Discard();
+        CloseCache();
+    }
+    Release(protocol_.get(), cookie);
+    UpdateFreeSpace();
+    return SUCCESS;
+}
+
+AERROR File::DeleteFile(_FS_HANDLE_EXT*, bool deleting) {
+    fileState_ = deleting ? FILE_STATE_DELETING : FILE_STATE_LISTED;
+    return SUCCESS;
+}
+
+void File::ForgetChildren() {
+    std::lock_guard<std::recursive_mutex> lock(childLock_);
+    std::vector<std::shared_ptr<File>> markers;
+    for (auto& [folded, child] : children_) {
+        if (child->Key().empty()) markers.push_back(child);
+    }
+    children_.clear();
+    // Items never stored remotely (the marker files among them) are not in
+    // the next listing; they stay.
+    for (auto& marker : markers)
+        children_[FoldName(marker->Name())] = marker;
+    childCount_ = children_.size();
+    uint32_t listed = FILE_STATE_LISTED;
+    fileState_.compare_exchange_strong(listed, FILE_STATE_NEW);
+}
+
+AERROR File::RenameInPlace(const std::string& newName, bool rekey, void** cookie) {
+    const std::string key = RemoteKey();
+    _FS_FILE_V2 record(*Info());
+    record.name = newName;
+    if (protocol_ && !key.empty()) {
+        record.key = key;
+        const std::string parentKey = parent_ != nullptr ? Parent()->Key() : std::string();
+        const AERROR result =
+            protocol_->RenameItem(key.c_str(), parentKey.c_str(), &record, cookie);
+        if (result != SUCCESS) {
+            ReportError(FSEVENT_RENAME_FAILED, result, *cookie);
+            return result;
+        }
+        if (!IsAcceptableName(record.name)) record.name = newName;
+    }
+    const std::string oldName = Name();
+    if (rekey && parent_ != nullptr) {
+        std::lock_guard<std::recursive_mutex> lock(*Parent()->GetChildLock());
+        auto self = Parent()->children_.find(FoldName(oldName));
+        if (self != Parent()->children_.end() && self->second.get() == this) {
+            auto node = self->second;
+            Parent()->children_.erase(self);
+            Update(&record, false, false);
+            Parent()->children_[FoldName(newName)] = node;
+            Parent()->childCount_ = Parent()->children_.size();
+        } else {
+            Update(&record, false, false);
+        }
+    } else {
+        Update(&record, false, false);
+    }
+    if (IsFolder()) ForgetChildren();
+    return SUCCESS;
+}
+
+AERROR File::RenameFile(std::shared_ptr<File>, const char* newName, bool notify) {
+    if (newName == nullptr || !IsAcceptableName(newName)) return INVALID_NAME;
+    CancelAsyncJobs();
+    const std::wstring oldPath = BuildPath('\\');
+    void* cookie = nullptr;
+    const AERROR result = RenameInPlace(newName, true, &cookie);
+    if (result == SUCCESS && notify) {
+        const std::wstring newPath = BuildPath('\\');
+        Notify(IsFolder() ? NE_RENAMEFOLDER : NE_RENAMEITEM, oldPath, &newPath);
+    }
+    Release(protocol_.get(), cookie);
+    return result;
+}
+
+AERROR File::RenameFile(std::shared_ptr<File> source, const std::string& newName,
+                        const std::string& process) {
+    if (!source) return FILE_NOT_FOUND;
+    if (!IsAcceptableName(newName)) return INVALID_NAME;
+    // An item already there under the new name is replaced, unless it is the
+    // source itself (a rename that changes only the letter case).
+    auto target = GetFileWithNoFetch(newName.c_str());
+    if (target && target != source) {
+        if (target->IsFolder() != source->IsFolder()) return ACCESS_DENIED;
+        const AERROR removed = target->unlink(true);
+        if (removed != SUCCESS) return removed;
+    }
+    const AERROR result = source->RenameFile(source, newName.c_str(), true);
+    if (result == SUCCESS && fileSystem_ != nullptr) {
+        // A name the filter keeps local stays local from now on.
+        auto filter = fileSystem_->GetFSFilter();
+        if (filter && source->RemoteKey().empty() && !source->IsFolder() &&
+            filter->IsOfflineOnly(process.c_str(), newName.c_str())) {
+            std::lock_guard<std::mutex> lock(source->dataMutex_);
+            auto next = std::make_shared<_FS_FILE_EXT>(*source->Info());
+            next->attributes |= FILE_ATTRIBUTE_NO_DELETE;
+            source->PublishInfo(next);
+        }
+        if (auto sink = GetFSEvent()) {
+            sink->Notice(FSNOTICE_RENAMED, source->BuildLocalPathA('/').c_str(),
+                         source->BuildOriginPathA().c_str(),
+                         source->BuildPathForPrint('/', false).c_str());
+        }
+    }
+    return result;
+}
+
+AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParent,
+                      std::string newName) {
+    if (!newParent || parent_ == nullptr) return FAILED;
+    CancelAsyncJobs();
+    const std::string finalName = newName.empty() ? Name() : newName;
+    if (!IsAcceptableName(finalName)) return INVALID_NAME;
+    // Like rename(2), a move replaces an item of the same name.
+    auto target = newParent->GetFileWithNoFetch(finalName.c_str());
+    if (target && target != self) {
+        if (target->IsFolder() != IsFolder()) return ACCESS_DENIED;
+        const AERROR removed = target->unlink(false);
+        if (removed != SUCCESS) return removed;
+    }
+
+    const std::string key = RemoteKey();
+    _FS_FILE_V2 record(*Info());
+    void* cookie = nullptr;
+    if (protocol_ && !key.empty()) {
+        record.key = key;
+        const std::string newParentKey = newParent->Key();
+        const AERROR result =
+            IsFolder() ? protocol_->MoveFolder(key.c_str(), newParentKey.c_str(), &record, &cookie)
+                       : protocol_->MoveItem(key.c_str(), newParentKey.c_str(), &record, &cookie);
+        if (result != SUCCESS) {
+            ReportError(FSEVENT_MOVE_FAILED, result, cookie);
+            Release(protocol_.get(), cookie);
+            return result;
+        }
+        if (!IsAcceptableName(record.name)) record.name = Name();
+    }
+    Release(protocol_.get(), cookie);
+    cookie = nullptr;
+
+    Parent()->RemoveChild(Name().c_str(), false);
+    if (IsFolder()) ForgetChildren();
+    SetParent(newParent.get());
+    Update(&record, false, false);
+
+    AERROR result = SUCCESS;
+    if (finalName != Name()) {
+        const std::wstring oldPath = BuildPath('\\');
+        result = RenameInPlace(finalName, false, &cookie);
+        if (result == SUCCESS) {
+            const std::wstring newPath = BuildPath('\\');
+            Notify(IsFolder() ? NE_RENAMEFOLDER : NE_RENAMEITEM, oldPath, &newPath);
+        }
+        Release(protocol_.get(), cookie);
+    }
+    // The node now lives in its new folder, renamed or not: the remote move
+    // succeeded.
+    newParent->AddChild(self, false);
+    if (auto sink = GetFSEvent()) {
+        sink->Notice(FSNOTICE_RENAMED, BuildLocalPathA('/').c_str(), BuildOriginPathA().c_str(),
+                     BuildPathForPrint('/', false).c_str());
+    }
+    return result;
+}

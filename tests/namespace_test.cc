@@ -1,0 +1,212 @@
+// Namespace changes on nodes and remote changes reported by a protocol.
+#include <set>
+#include <thread>
+
+#include "support/volume_fixture.h"
+
+namespace {
+
+using Op = MemoryProtocol::Op;
+
+class NamespaceTest : public VolumeFixture {
+  protected:
+    void SetUp() override {
+        VolumeFixture::SetUp();
+        protocol_->AddFile("/docs/a.txt", "aaa");
+        protocol_->AddFile("/docs/sub/deep.txt", "deep");
+        protocol_->AddFolder("/other");
+        ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    }
+    std::set<std::string> Children(const std::string& path) {
+        std::list<FS_DIR_ENTRY> entries;
+        fs_->ReadDir(path.c_str(), entries, "test");
+        std::set<std::string> names;
+        for (const auto& entry : entries) {
+            if (entry.name[0] != '.') names.insert(entry.name);
+        }
+        return names;
+    }
+};
+
+TEST_F(NamespaceTest, CreatingAFolderAsksTheRemoteFirst) {
+    auto docs = Node("/docs");
+    notifier_.Clear();
+    ASSERT_EQ(docs->CreateDirectory("New"), SUCCESS);
+    EXPECT_TRUE(protocol_->IsFolder("/docs/New"));
+    EXPECT_TRUE(Children("/docs").count("New"));
+    EXPECT_EQ(notifier_.Events(), (std::vector<std::string>{"NE_MKDIR docs\\New"}));
+
+    // A name that differs only in case is taken, and the remote is not asked.
+    protocol_->ResetCounters();
+    EXPECT_EQ(docs->CreateDirectory("NEW"), ALREADY_EXISTS);
+    EXPECT_EQ(protocol_->Calls(Op::CreateFolder), 0);
+
+    protocol_->FailNext(Op::CreateFolder, ACCESS_DENIED);
+    EXPECT_EQ(docs->CreateDirectory("Refused"), ACCESS_DENIED);
+    EXPECT_FALSE(Children("/docs").count("Refused"));
+    ASSERT_EQ(events_->Errors().size(), 1u);
+    EXPECT_EQ(events_->Errors()[0].kind, FSEVENT_CREATE_FOLDER_FAILED);
+    EXPECT_EQ(events_->Errors()[0].localPath, "/mnt/test/docs");
+}
+
+TEST_F(NamespaceTest, DeletingChangesTheTreeOnlyAfterTheRemote) {
+    auto file = Node("/docs/a.txt");
+    protocol_->FailNext(Op::DeleteItem, SOCK_TIMEOUT);
+    EXPECT_EQ(file->unlink(true), SOCK_TIMEOUT);
+    EXPECT_TRUE(Node("/docs/a.txt"));
+    EXPECT_TRUE(protocol_->Exists("/docs/a.txt"));
+    ASSERT_EQ(events_->Errors().size(), 1u);
+    EXPECT_EQ(events_->Errors()[0].kind, FSEVENT_DELETE_FAILED);
+
+    notifier_.Clear();
+    EXPECT_EQ(file->unlink(true), SUCCESS);
+    EXPECT_FALSE(protocol_->Exists("/docs/a.txt"));
+    EXPECT_FALSE(Children("/docs").count("a.txt"));
+    EXPECT_EQ(notifier_.Events(),
+              (std::vector<std::string>{"NE_DELETE docs\\a.txt", "NE_FREESPACE"}));
+
+    auto folder = Node("/docs/sub");
+    EXPECT_EQ(folder->unlink(true), SUCCESS);
+    EXPECT_FALSE(protocol_->Exists("/docs/sub/deep.txt"));
+}
+
+TEST_F(NamespaceTest, AFileNeverUploadedIsDeletedWithoutTheRemote) {
+    auto docs = Node("/docs");
+    _FS_FILE_V2 record;
+    record.name = "draft.txt";
+    record.attributes = FILE_ATTRIBUTE_FILE;
+    auto draft = docs->AddChild(&record, true);
+    protocol_->ResetCounters();
+    notifier_.Clear();
+    EXPECT_EQ(draft->unlink(true), SUCCESS);
+    EXPECT_EQ(protocol_->Calls(Op::DeleteItem), 0);
+    EXPECT_EQ(notifier_.Events().front(), "NE_DELETE docs\\draft.txt");
+}
+
+TEST_F(NamespaceTest, RenamingAFolderDropsItsChildrenUntilListedAgain) {
+    auto docs = Node("/docs");
+    ASSERT_TRUE(Node("/docs/sub/deep.txt"));
+    auto root = Node("/");
+    notifier_.Clear();
+    ASSERT_EQ(root->RenameFile(docs, std::string("Papers"), "mv"), SUCCESS);
+    EXPECT_TRUE(protocol_->Exists("/Papers/sub/deep.txt"));
+    EXPECT_EQ(notifier_.Events(), (std::vector<std::string>{"NE_RENAMEFOLDER docs"}));
+    EXPECT_EQ(docs->Name(), "Papers");
+    EXPECT_EQ(docs->ChildCount(), 2u);  // the marker files only
+    protocol_->ResetCounters();
+    EXPECT_TRUE(Node("/papers/sub/deep.txt"));
+    EXPECT_EQ(protocol_->Calls(Op::ListFolder), 2);  // Papers, then sub
+    EXPECT_FALSE(Node("/docs"));
+    EXPECT_EQ(events_->Notices().size(), 1u);
+}
+
+TEST_F(NamespaceTest, RenamesReplaceTargetsKeepCaseAndFailCleanly) {
+    protocol_->AddFile("/docs/b.txt", "bbb");
+    auto docs = Node("/docs");
+    auto a = Node("/docs/a.txt");
+    ASSERT_TRUE(Node("/docs/b.txt"));
+    // Save by rename: the new content replaces the old file.
+    ASSERT_EQ(docs->RenameFile(a, std::string("b.txt"), "vim"), SUCCESS);
+    std::string content;
+    ASSERT_TRUE(protocol_->GetContents("/docs/b.txt", &content));
+    EXPECT_EQ(content, "aaa");
+    EXPECT_FALSE(protocol_->Exists("/docs/a.txt"));
+    EXPECT_EQ(Node("/docs/b.txt"), a);
+
+    // Only the letter case changes: the node stays and shows the new name.
+    ASSERT_EQ(docs->RenameFile(a, std::string("B.TXT"), "mv"), SUCCESS);
+    EXPECT_EQ(Node("/docs/b.txt"), a);
+    EXPECT_EQ(a->Name(), "B.TXT");
+    EXPECT_TRUE(protocol_->Exists("/docs/B.TXT"));
+
+    protocol_->FailNext(Op::RenameItem, SOCK_TIMEOUT);
+    EXPECT_EQ(docs->RenameFile(a, std::string("c.txt"), "mv"), SOCK_TIMEOUT);
+    EXPECT_EQ(a->Name(), "B.TXT");
+    EXPECT_EQ(events_->Errors().back().kind, FSEVENT_RENAME_FAILED);
+}
+
+TEST_F(NamespaceTest, AMoveRemovesRenamesThenAddsInThatOrder) {
+    auto a = Node("/docs/a.txt");
+    auto other = Node("/other");
+    ASSERT_TRUE(other);
+    notifier_.Clear();
+    ASSERT_EQ(a->MoveFile(a, other, "moved.txt"), SUCCESS);
+    EXPECT_TRUE(protocol_->Exists("/other/moved.txt"));
+    EXPECT_EQ(notifier_.Events(),
+              (std::vector<std::string>{"NE_DELETE docs\\a.txt", "NE_RENAMEITEM other\\a.txt",
+                                        "NE_CREATE other\\moved.txt"}));
+    EXPECT_EQ(Node("/other/moved.txt"), a);
+    EXPECT_FALSE(Node("/docs/a.txt"));
+
+    protocol_->FailNext(Op::MoveFolder, SOCK_TIMEOUT);
+    auto sub = Node("/docs/sub");
+    EXPECT_EQ(sub->MoveFile(sub, other, ""), SOCK_TIMEOUT);
+    EXPECT_TRUE(Node("/docs/sub"));
+    EXPECT_EQ(events_->Errors().back().kind, FSEVENT_MOVE_FAILED);
+    EXPECT_EQ(sub->MoveFile(sub, other, ""), SUCCESS);
+    EXPECT_TRUE(Node("/other/sub/deep.txt"));
+}
+
+class RemoteChangesTest : public NamespaceTest {
+  protected:
+    void SetUp() override {
+        VolumeFixture::SetUp();
+        protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_REPORTS_CHANGES);
+        protocol_->AddFile("/docs/a.txt", "version one");
+        protocol_->AddFolder("/unlisted/inner");
+        ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+        // Polls happen at every miss.
+        ASSERT_EQ(fs_->SetConfiguration(R"({"fs": {"changes": "0"}})"), SUCCESS);
+        ASSERT_TRUE(Node("/docs/a.txt"));
+    }
+    void Poll() {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        Node("/no-such-name");
+    }
+};
+
+TEST_F(RemoteChangesTest, AddedRemovedAndRefreshReachListedFolders) {
+    protocol_->RemoteAdd("/docs/new.txt", "n");
+    protocol_->RemoteAdd("/unlisted/inner/ignored.txt", "i");
+    Poll();
+    EXPECT_TRUE(Children("/docs").count("new.txt"));
+    protocol_->RemoteRemove("/docs/new.txt");
+    protocol_->RemoteRemove("/docs/never-there.txt");
+    notifier_.Clear();
+    Poll();
+    EXPECT_FALSE(Children("/docs").count("new.txt"));
+    EXPECT_EQ(notifier_.Events(), (std::vector<std::string>{"NE_DELETE docs\\new.txt"}));
+
+    // A refresh lists the folder now, however fresh its listing.
+    protocol_->AddFile("/docs/quiet.txt", "q");
+    protocol_->QueueRefresh("/docs");
+    protocol_->QueueRefresh("/unlisted/inner");  // never listed: nothing to refresh
+    protocol_->ResetCounters();
+    Poll();
+    EXPECT_EQ(protocol_->Calls(Op::ListFolder), 1);
+    EXPECT_TRUE(Children("/docs").count("quiet.txt"));
+}
+
+TEST_F(RemoteChangesTest, AChangedFileIsReadAfresh) {
+    auto a = Node("/docs/a.txt");
+    EXPECT_EQ(ReadNode(a, 0, 100), "version one");
+    protocol_->RemoteChange("/docs/a.txt", "version two, longer");
+    Poll();
+    EXPECT_EQ(a->Info()->size, 19);
+    EXPECT_EQ(ReadNode(a, 0, 100), "version two, longer");
+}
+
+TEST_F(RemoteChangesTest, LocalWritesWinOverARemoteChange) {
+    auto a = Node("/docs/a.txt");
+    auto handle = OpenNode(a, 'w', "editor");
+    unsigned long written = 0;
+    ASSERT_EQ(a->WriteFile(handle.get(), "LOCAL", 5, &written, 0, nullptr), SUCCESS);
+    protocol_->RemoteChange("/docs/a.txt", "remote edit!");
+    Poll();
+    EXPECT_EQ(a->Info()->size, 11);  // still the local size
+    a->Handles().CloseHandle(handle.get());
+    // The written block stays; only clean data was dropped.
+    EXPECT_EQ(ReadNode(a, 0, 5), "LOCAL");
+}
+
+}  // namespace
