@@ -18,12 +18,13 @@ namespace {
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
     return lines;
 }
 
 class BrowseKernelTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         const std::string why = KernelMountUnavailable();
         if (!why.empty()) GTEST_SKIP() << why;
@@ -58,9 +59,9 @@ TEST_F(BrowseKernelTest, ToolsSeeWhatTheProtocolHolds) {
     for (int folder = 0; folder < 10; ++folder) {
         for (int file = 0; file < 30; ++file) {
             const int size = folder * 100 + file;
-            protocol_->AddFile("/Dir" + std::to_string(folder) + "/File" + std::to_string(file) +
-                                   ".txt",
-                               std::string(size, 'x'), "2023-06-07T08:09:10.000Z");
+            protocol_->AddFile(
+                "/Dir" + std::to_string(folder) + "/File" + std::to_string(file) + ".txt",
+                std::string(size, 'x'), "2023-06-07T08:09:10.000Z");
             totalBytes += size;
         }
     }
@@ -118,18 +119,25 @@ TEST_F(BrowseKernelTest, ToolsSeeWhatTheProtocolHolds) {
 }
 
 TEST_F(BrowseKernelTest, EverySpellingOfANameReachesTheSameNode) {
-    protocol_->AddFolder("/Alpha/Beta");
+    protocol_->AddFile("/Alpha/Beta/Gamma.txt", "gamma");
     ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-    struct stat a, b, c;
-    ASSERT_EQ(stat(At("/Alpha\\Beta").c_str(), &a), 0);
-    ASSERT_EQ(stat(At("/alpha/beta").c_str(), &b), 0);
-    ASSERT_EQ(stat(At("/ALPHA/BETA/").c_str(), &c), 0);
-    EXPECT_EQ(a.st_ino, b.st_ino);
-    EXPECT_EQ(b.st_ino, c.st_ino);
-    EXPECT_TRUE(S_ISDIR(a.st_mode));
+    struct stat st;
+    for (const std::string& spelling :
+         std::vector<std::string>{"/Alpha\\Beta", "/alpha/beta", "/ALPHA/BETA/"}) {
+        ASSERT_EQ(stat(At(spelling).c_str(), &st), 0) << spelling;
+        EXPECT_TRUE(S_ISDIR(st.st_mode));
+        EXPECT_TRUE(
+            log_.Has("] GetAttr : " + spelling.substr(0, spelling.find_last_not_of('/') + 1)))
+            << spelling;
+    }
+    // Each spelling lists the one folder, under the name the protocol uses.
     std::string output;
     ASSERT_EQ(RunProgram({"ls", At("/alpha")}, &output), 0);
-    EXPECT_EQ(output, "Beta\n");  // as the protocol spells it
+    EXPECT_EQ(output, "Beta\n");
+    ASSERT_EQ(RunProgram({"ls", At("/ALPHA/BETA")}, &output), 0);
+    EXPECT_EQ(output, "Gamma.txt\n");
+    EXPECT_EQ(ReadFile(At("/alpha/BETA/gamma.TXT")), "gamma");
+    EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::ListFolder), 3);  // listed once each
 }
 
 TEST_F(BrowseKernelTest, TwoProtocolsAreOverlaidAtTheRoot) {

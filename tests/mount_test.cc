@@ -257,8 +257,8 @@ TEST(MountArgumentsTest, BothPlatformListsAreExact) {
     EXPECT_EQ(macReadOnly[9], "-ovolname=");
     EXPECT_EQ(macReadOnly.back(), "-oro");
     auto linuxReadOnly = BuildMountArguments(parameter, MountPlatform::kLinux);
-    ASSERT_EQ(linuxReadOnly.size(), 9u);
-    EXPECT_EQ(linuxReadOnly[7], "-oallow_other");
+    ASSERT_EQ(linuxReadOnly.size(), 8u);
+    EXPECT_EQ(linuxReadOnly[6], "-oallow_other");
     EXPECT_EQ(linuxReadOnly.back(), "-oro");
 }
 

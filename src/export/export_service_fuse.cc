@@ -93,6 +93,9 @@ int FUSE_create(const char* path, mode_t mode, fuse_file_info* fi) {
 int FUSE_ftruncate(const char* path, off_t size, fuse_file_info* fi) {
     return Service()->ftruncate(path, size, fi);
 }
+int FUSE_truncate(const char* path, off_t size) {
+    return Service()->truncate(path, size);
+}
 int FUSE_utimens(const char* path, const struct timespec tv[2]) {
     return Service()->utimens(path, tv);
 }
@@ -192,6 +195,8 @@ void ExportServiceFUSE::FillOperations(fuse_operations* operations) {
     operations->destroy = FUSE_destroy;
     operations->create = FUSE_create;
     operations->ftruncate = FUSE_ftruncate;
+    // truncate(2) and open(O_TRUNC) of a file that is not open arrive here.
+    operations->truncate = FUSE_truncate;
     operations->utimens = FUSE_utimens;
     // access, setxattr and init are deliberately left out: FUSE answers them
     // itself.
@@ -492,6 +497,12 @@ int ExportServiceFUSE::create(const char* path, mode_t mode, fuse_file_info* fi)
 int ExportServiceFUSE::ftruncate(const char*, off_t size, fuse_file_info* fi) {
     return Call("FUSE_ftruncate", [&](IFileSystemImpl* fs, std::string process) {
         return fs->Ftruncate(fi->fh, size, std::move(process));
+    });
+}
+
+int ExportServiceFUSE::truncate(const char* path, off_t size) {
+    return Call("FUSE_truncate", [&](IFileSystemImpl* fs, std::string process) {
+        return fs->Truncate(path, size, this, std::move(process));
     });
 }
 

@@ -64,6 +64,7 @@ class ExportServiceFUSE : public ExportService {
     void destroy();
     int create(const char* path, mode_t mode, fuse_file_info* fi);
     int ftruncate(const char* path, off_t size, fuse_file_info* fi);
+    int truncate(const char* path, off_t size);
     int utimens(const char* path, const struct timespec tv[2]);
     int access(const char* path, int mask);
     int setxattr(const char* path, const char* name, const char* value, size_t size, int flags);

@@ -12,15 +12,12 @@ std::vector<std::string> BuildMountArguments(const MountParameter& parameter,
         // The volume shows in /proc/mounts as type fuse.skfs. Writes come in
         // pieces of up to 128 KiB instead of 4 KiB.
         //
-        // use_ino: stat shows each node's serial as its inode number. Without
-        // it FUSE numbers names itself and gives a file a new number whenever
-        // the kernel forgets and looks it up again, which tools that
-        // remember inode numbers (git's index, backup tools) take for a
-        // replaced file. A serial lasts as long as the node and is never
-        // reused, and every spelling of a case-folded name shows the same
-        // number, as it names the same item.
-        arguments.insert(arguments.end(),
-                         {"-osubtype=skfs", "-ohard_remove", "-obig_writes", "-ouse_ino"});
+        // Inode numbers: FUSE numbers each name itself (no use_ino), and the
+        // nodes' serials in st_ino are not shown. The tree folds case, so two
+        // spellings of a name are one node; with the serial as inode number
+        // they would show one inode, and mv refuses to rename a file onto
+        // itself, so a case-only rename ("mv a.txt A.TXT") could not be made.
+        arguments.insert(arguments.end(), {"-osubtype=skfs", "-ohard_remove", "-obig_writes"});
         if (parameter.allowOther) arguments.push_back("-oallow_other");
     }
     if ((parameter.type & MT_READ_ONLY) != 0) arguments.push_back("-oro");

@@ -127,6 +127,15 @@ class FileSystem final : public IFileSystemImpl,
     int StatFs(const char* path, struct statvfs* sv, std::string process) override;
     int Flush(const char* path, std::string process) override;
 
+    // Truncates the file at `path`, as if opened for writing, truncated and
+    // released.
+    int Truncate(const char* path, long long size, IExportService* service,
+                 std::string process) override;
+    // Creates the node of a new file in `parent`, on the remote too when its
+    // protocol stores new files at once.
+    AERROR CreateNewFile(std::shared_ptr<File> parent, std::string name, unsigned long attributes,
+                         IExportService* service, std::string process, std::shared_ptr<File>& out);
+
     // Path resolution. The canonical path is lower case (unless keepCase),
     // "/"-separated, without ".", ".." or empty parts and without a leading
     // separator; the root is "".
@@ -161,6 +170,9 @@ class FileSystem final : public IFileSystemImpl,
     // itself and its last poll is older than the changes interval.
     void PollChanges(_FS_PROTOCOL& entry);
     std::vector<std::shared_ptr<_FS_PROTOCOL>> Protocols();
+    // Resolves `path` and runs a node's upload-recovery `operation` on it.
+    AERROR UploadRecovery(const char* name, AERROR (File::*operation)(std::shared_ptr<File>),
+                          const char* path);
     // Runs the queued nodes' jobs until the queue is empty.
     void DrainQueue();
 

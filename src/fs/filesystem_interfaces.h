@@ -10,7 +10,12 @@
 #include "libfilesystem/filter.h"
 
 // The file system as the export service sees it: the host's interface.
-class IFileSystemImpl : public IFileSystem_V2 {};
+class IFileSystemImpl : public IFileSystem_V2 {
+  public:
+    // Truncation by path: the volume serves truncate(2) like any disk.
+    virtual int Truncate(const char* path, long long size, IExportService* service,
+                         std::string process) = 0;
+};
 
 // The file system as its nodes see it.
 class IFileSystemInternal {

@@ -1,10 +1,15 @@
-// The volume operations of a file system. Each logs its request, does its
-// work and logs its outcome; operations still to come answer NOT_SUPPORTED.
-#include "api/log.h"
+// Creating, opening and releasing files, the data path, and deleting and
+// renaming: the volume operations that change files.
+#include <fcntl.h>
+#include <sys/time.h>
+
+#include "data/cache_service.h"
+#include "foundation/time_utils.h"
 #include "fs/filesystem.h"
 #include "fs/log_macros.h"
 #include "fs/open_flags.h"
 #include "libfilesystem/entry_points.h"
+#include "tree/file.h"
 
 int FileSystem::Outcome(const char* operation, AERROR result, const std::string& process,
                         const char* path) {
@@ -14,10 +19,81 @@ int FileSystem::Outcome(const char* operation, AERROR result, const std::string&
     return ConvertAERROR(result);
 }
 
-int FileSystem::Create(const char* path, unsigned short mode, int flags, unsigned long long&,
-                       IExportService*, std::string process) {
+AERROR FileSystem::CreateNewFile(std::shared_ptr<File> parent, std::string name,
+                                 unsigned long attributes, IExportService* service,
+                                 std::string process, std::shared_ptr<File>& out) {
+    out.reset();
+    if (!HasCacheService()) return ACCESS_DENIED;
+    __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] [%s:%s] Create file : /%s/%s", letter_.c_str(),
+             process.c_str(), parent->BuildPathA('/').c_str(), name.c_str());
+    _FS_FILE_V2 record;
+    record.name = name;
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    struct tm local;
+    time_t seconds = now.tv_sec;
+    localtime_r(&seconds, &local);
+    record.createTime = record.accessTime = record.modifyTime = TMToRFC3339(&local);
+    if ((attributes & FILE_ATTRIBUTE_NORMAL) != 0) record.attributes |= FILE_ATTRIBUTE_FILE;
+    if (IsOfflineOnly(process.c_str(), name.c_str())) {
+        record.attributes |= FILE_ATTRIBUTE_NO_DELETE;
+    }
+    auto node = *parent << &record;
+    if (!node) return INVALID_NAME;
+    out = node;
+    if (node->IsOfflineOnly()) return SUCCESS;
+    // The file manager creates files in several steps: nothing is stored
+    // remotely until the file is written and released.
+    if (process == "finder") return SUCCESS;
+    auto protocol = parent->GetProtocol();
+    const unsigned int capabilities = protocol ? protocol->GetCapabilities() : 0;
+    if ((capabilities & PROTOCOL_CAP_CREATE_REMOTE) != 0) {
+        if (node->Touch(service) != SUCCESS) {
+            parent->RemoveChild(name.c_str(), true);
+            out.reset();
+            return WRITE_PROTECT;
+        }
+    } else if ((capabilities & PROTOCOL_CAP_CREATE_REMOTE_UNLISTED) != 0) {
+        const uint32_t state = parent->GetFileState();
+        if (state == FILE_STATE_DELETING) {
+            parent->RemoveChild(name.c_str(), true);
+            out.reset();
+            return WRITE_PROTECT;
+        }
+        if (state == FILE_STATE_NEW) {
+            if (node->Touch(service) == SUCCESS) {
+                parent->SetFileState(FILE_STATE_LISTED);
+            } else {
+                parent->RemoveChild(name.c_str(), true);
+                parent->SetFileState(FILE_STATE_DELETING);
+                out.reset();
+                return WRITE_PROTECT;
+            }
+        }
+    }
+    return SUCCESS;
+}
+
+int FileSystem::Create(const char* path, unsigned short mode, int flags, unsigned long long& handle,
+                       IExportService* service, std::string process) {
     LOG_REQUEST("%s : %s, %d with %s", "Create", path, mode, OpenFlagsText(flags).c_str());
-    return Outcome("Create", NOT_SUPPORTED, process, path);
+    const std::string exact = ToExactPath(path, false);
+    std::shared_ptr<File> node;
+    AERROR result = GetFile(exact.c_str(), node);
+    if (result == SUCCESS && node) return Outcome("Create", FILE_EXISTS, process, path);
+    std::shared_ptr<File> parent;
+    result = GetParent(exact.c_str(), parent);
+    if (result == SUCCESS && parent) {
+        // The new entry keeps the caller's letter case.
+        result = CreateNewFile(parent, GetObjectName(path, "\\/"), FILE_ATTRIBUTE_NORMAL, service,
+                               process, node);
+    }
+    if (result == SUCCESS && node) {
+        std::shared_ptr<_FS_HANDLE_EXT> record;
+        result = node->Open((flags & O_ACCMODE) != 0 ? 'w' : 'r', 0, 0, process, record, nullptr);
+        if (result == SUCCESS && record) handle = RegisterHandle(record, node, process, exact);
+    }
+    return Outcome("Create", result, process, path);
 }
 
 int FileSystem::MakeNode(const char*, unsigned short, int, std::string) {
@@ -26,12 +102,38 @@ int FileSystem::MakeNode(const char*, unsigned short, int, std::string) {
 
 int FileSystem::MakeDir(const char* path, unsigned short mode, std::string process) {
     LOG_REQUEST("%s : %s, %d", "MakeDir", path, mode);
-    return Outcome("MakeDir", NOT_SUPPORTED, process, path);
+    const std::string exact = ToExactPath(path, false);
+    std::shared_ptr<File> node;
+    if (GetFile(exact.c_str(), node) == SUCCESS && node) {
+        return Outcome("MakeDir", ALREADY_EXISTS, process, path);
+    }
+    std::shared_ptr<File> parent;
+    AERROR result = GetParent(exact.c_str(), parent);
+    if (result == SUCCESS && parent) {
+        result = parent->CreateDirectory(GetObjectName(path, "\\/").c_str());
+    }
+    return Outcome("MakeDir", result, process, path);
 }
 
-int FileSystem::Open(const char* path, int flags, unsigned long long&, std::string process) {
+int FileSystem::Open(const char* path, int flags, unsigned long long& handle, std::string process) {
     LOG_REQUEST("%s : %s with %s", "Open", path, OpenFlagsText(flags).c_str());
-    return Outcome("Open", NOT_SUPPORTED, process, path);
+    const std::string exact = ToExactPath(path, false);
+    std::shared_ptr<File> node;
+    AERROR result = GetFile(exact.c_str(), node);
+    if (result == SUCCESS && node) {
+        LOG_REQUEST("%s : %s found(%p)", "Open", path, static_cast<void*>(node.get()));
+        const bool write = (flags & (O_WRONLY | O_RDWR | O_APPEND)) != 0;
+        if (GetObjectName(exact.c_str(), "\\/").find(':') != std::string::npos) {
+            result = NOT_SUPPORTED;
+        } else if (write && !HasCacheService()) {
+            result = ACCESS_DENIED;
+        } else {
+            std::shared_ptr<_FS_HANDLE_EXT> record;
+            result = node->Open(write ? 'w' : 'r', 0, 0, process, record, nullptr);
+            if (result == SUCCESS && record) handle = RegisterHandle(record, node, process, exact);
+        }
+    }
+    return Outcome("Open", result, process, path);
 }
 
 int FileSystem::ReleaseDir(const char* path, std::string process) {
@@ -39,68 +141,192 @@ int FileSystem::ReleaseDir(const char* path, std::string process) {
     return Outcome("ReleaseDir", SUCCESS, process, path);
 }
 
-int FileSystem::Release(unsigned long long& handle, IExportService*, std::string process) {
+int FileSystem::Release(unsigned long long& handle, IExportService* service, std::string process) {
     LOG_REQUEST("%s: %llu", "Release", handle);
-    return Outcome("Release", NOT_SUPPORTED, process, "");
+    auto record = GetHandle(handle);
+    if (!record) {
+        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found",
+                 letter_.c_str(), process.c_str());
+        return ConvertAERROR(INVALID_HANDLE);
+    }
+    LOG_REQUEST("handle found : %s", record->path.c_str());
+    AERROR result = SUCCESS;
+    if (record->file) result = record->file->Cleanup(record.get(), false, service);
+    handle = 0;
+    UnregisterHandle(record->id, process);
+    return Outcome("Release", result, process, record->path.c_str());
+}
+
+int FileSystem::Read(unsigned long long handle, char* buffer, unsigned long size, long long offset,
+                     IExportService* service, std::string process) {
+    LOG_REQUEST("%s : %llu, %lld, %d", "Read", handle, offset, static_cast<int>(size));
+    auto record = GetHandle(handle);
+    if (!record) {
+        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found : %llu",
+                 letter_.c_str(), process.c_str(), handle);
+        return -EIO;
+    }
+    LOG_REQUEST("handle found : %s", record->path.c_str());
+    unsigned long count = 0;
+    AERROR result = SUCCESS;
+    if (record->file) {
+        result = record->file->ReadFile(record.get(), buffer, size, &count, offset, service);
+    }
+    Outcome("Read", result, process, record->path.c_str());
+    return result != SUCCESS ? -EIO : static_cast<int>(count);
+}
+
+int FileSystem::Write(unsigned long long handle, const char* buffer, unsigned long size,
+                      long long offset, IExportService* service, std::string process) {
+    __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] [%s] %s : %llu, %lld, %d", letter_.c_str(),
+             "Write", handle, offset, static_cast<int>(size));
+    auto record = GetHandle(handle);
+    if (!record) {
+        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found : %llu",
+                 letter_.c_str(), process.c_str(), handle);
+        return -EIO;
+    }
+    LOG_REQUEST("handle found : %s", record->path.c_str());
+    unsigned long count = 0;
+    AERROR result = SUCCESS;
+    if (record->file) {
+        result = record->file->WriteFile(record.get(), buffer, size, &count, offset, service);
+    }
+    Outcome("Write", result, process, record->path.c_str());
+    return result != SUCCESS ? -EIO : static_cast<int>(count);
 }
 
 int FileSystem::Ftruncate(unsigned long long handle, long long size, std::string process) {
     LOG_REQUEST("%s : %llu, %lld", "Ftruncate", handle, size);
-    return Outcome("Ftruncate", NOT_SUPPORTED, process, "");
+    auto record = GetHandle(handle);
+    if (!record) {
+        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found : %llu",
+                 letter_.c_str(), process.c_str(), handle);
+        return ConvertAERROR(INVALID_HANDLE);
+    }
+    LOG_REQUEST("handle found : %s", record->path.c_str());
+    AERROR result = SUCCESS;
+    if (record->file) result = record->file->ftruncate(std::string(process), size);
+    return Outcome("Ftruncate", result, process, record->path.c_str());
 }
 
-int FileSystem::Unlink(const char* path, std::string process) {
-    LOG_REQUEST("%s : %s", "Unlink", path);
-    return Outcome("Unlink", NOT_SUPPORTED, process, path);
-}
-
-int FileSystem::RemoveDir(const char* path, std::string process) {
-    LOG_REQUEST("%s : %s", "RemoveDir", path);
-    return Outcome("RemoveDir", NOT_SUPPORTED, process, path);
-}
-
-int FileSystem::Rename(const char* from, const char* to, std::string process) {
-    LOG_REQUEST("%s : %s to %s", "Rename", from, to);
-    __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] %s => %s : %s to %s", letter_.c_str(),
-             process.c_str(), "Rename", GetAERRORA(NOT_SUPPORTED), from, to);
-    return ConvertAERROR(NOT_SUPPORTED);
-}
-
-int FileSystem::Read(unsigned long long handle, char*, unsigned long size, long long offset,
-                     IExportService*, std::string process) {
-    LOG_REQUEST("%s : %llu, %lld, %d", "Read", handle, offset, static_cast<int>(size));
-    __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found : %llu",
-             letter_.c_str(), process.c_str(), handle);
-    return -5;
-}
-
-int FileSystem::Write(unsigned long long handle, const char*, unsigned long size, long long offset,
-                      IExportService*, std::string process) {
-    __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] [%s] %s : %llu, %lld, %d", letter_.c_str(),
-             "Write", handle, offset, static_cast<int>(size));
-    __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found : %llu",
-             letter_.c_str(), process.c_str(), handle);
-    return -5;
+int FileSystem::Truncate(const char* path, long long size, IExportService* service,
+                         std::string process) {
+    unsigned long long handle = 0;
+    const int opened = Open(path, O_WRONLY, handle, process);
+    if (opened != 0) return opened;
+    const int truncated = Ftruncate(handle, size, process);
+    const int released = Release(handle, service, process);
+    return truncated != 0 ? truncated : released;
 }
 
 int FileSystem::Flush(const char*, std::string) {
     return ConvertAERROR(SUCCESS);
 }
 
-AERROR FileSystem::UploadCacheSave(const char* path, const char*) {
-    __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] %s %s => %s : %s", letter_.c_str(),
-             "UploadCacheSave", GetAERRORA(NOT_SUPPORTED), path != nullptr ? path : "");
-    return NOT_SUPPORTED;
+int FileSystem::Unlink(const char* path, std::string process) {
+    LOG_REQUEST("%s : %s", "Unlink", path);
+    const std::string exact = ToExactPath(path, false);
+    std::shared_ptr<File> node;
+    AERROR result = GetFile(exact.c_str(), node);
+    if (result == SUCCESS && node) result = node->unlink(true);
+    return Outcome("Unlink", result, process, path);
+}
+
+int FileSystem::RemoveDir(const char* path, std::string process) {
+    LOG_REQUEST("%s : %s", "RemoveDir", path);
+    const std::string exact = ToExactPath(path, false);
+    std::shared_ptr<File> node;
+    AERROR result = GetFile(exact.c_str(), node);
+    if (result == SUCCESS && node) {
+        // rmdir never deletes what a folder holds: list it if it never was,
+        // and refuse while anything but its marker files is in it.
+        if (node->IsFolder() && node->GetFileState() != FILE_STATE_LISTED) node->FetchList(node);
+        if (node->IsFolder() && node->HasEntries()) {
+            Outcome("RemoveDir", DIR_NOT_EMPTY, process, path);
+            return -ENOTEMPTY;
+        }
+        result = node->unlink(true);
+    }
+    return Outcome("RemoveDir", result, process, path);
+}
+
+int FileSystem::Rename(const char* from, const char* to, std::string process) {
+    LOG_REQUEST("%s : %s to %s", "Rename", from, to);
+    const std::string exactFrom = ToExactPath(from, false);
+    const std::string exactTo = ToExactPath(to, false);
+    AERROR result = SUCCESS;
+    std::shared_ptr<File> source;
+    std::shared_ptr<File> sourceDir;
+    std::shared_ptr<File> destinationDir;
+    std::string newName;
+    if (GetFile(exactFrom.c_str(), source) != SUCCESS || !source) {
+        result = FILE_NOT_FOUND;
+    } else if (source->IsFolder() && source->HasAnyOpenedChildHandle()) {
+        // An open file must not move with its folder.
+        result = ACCESS_DENIED;
+    } else if (GetParent(exactFrom.c_str(), sourceDir) != SUCCESS || !sourceDir) {
+        result = PATH_NOT_FOUND;
+    } else {
+        std::shared_ptr<File> existing;
+        if (GetFile(exactTo.c_str(), existing) == SUCCESS && existing && existing->IsFolder() &&
+            existing != source && existing != sourceDir) {
+            destinationDir = existing;
+        } else if (GetParent(exactTo.c_str(), destinationDir) != SUCCESS || !destinationDir) {
+            result = PATH_NOT_FOUND;
+        } else {
+            // The one place where case is kept: the name as the caller wrote it.
+            const std::string keepCase = ToExactPath(to, true);
+            newName = GetObjectName(keepCase.c_str(), "\\/");
+        }
+    }
+    if (result == SUCCESS && sourceDir->GetProtocol() != destinationDir->GetProtocol()) {
+        result = ACCESS_DENIED;
+    }
+    if (result == SUCCESS) {
+        if (sourceDir != destinationDir) {
+            std::lock_guard<std::recursive_mutex> sourceLock(*sourceDir->GetChildLock());
+            std::lock_guard<std::recursive_mutex> destinationLock(*destinationDir->GetChildLock());
+            result = source->MoveFile(source, destinationDir, newName);
+        } else {
+            result =
+                sourceDir->RenameFile(source, newName.empty() ? source->Name() : newName, process);
+        }
+    }
+    __LOG__A(CurrentLogger(), result != SUCCESS ? LL_ERROR : LL_DEBUG,
+             "[FILESYSTEM] [%s:%s] %s => %s : %s to %s", letter_.c_str(), process.c_str(), "Rename",
+             GetAERRORA(result), from, to);
+    return ConvertAERROR(result);
+}
+
+AERROR FileSystem::UploadCacheSave(const char* path, const char* localPath) {
+    const std::string exact = ToExactPath(path, false);
+    std::shared_ptr<File> node;
+    AERROR result = GetFile(exact.c_str(), node);
+    if (result == SUCCESS && node) result = node->UploadCacheSave(node, localPath);
+    __LOG__A(CurrentLogger(), result != SUCCESS ? LL_ERROR : LL_DEBUG,
+             "[FILESYSTEM] %s %s => %s : %s", letter_.c_str(), "UploadCacheSave",
+             GetAERRORA(result), path != nullptr ? path : "");
+    return result;
 }
 
 AERROR FileSystem::UploadCacheRetry(const char* path) {
-    __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] %s %s => %s : %s", letter_.c_str(),
-             "UploadCacheRetry", GetAERRORA(NOT_SUPPORTED), path != nullptr ? path : "");
-    return NOT_SUPPORTED;
+    return UploadRecovery("UploadCacheRetry", &File::UploadCacheRetry, path);
 }
 
 AERROR FileSystem::UploadCacheCancel(const char* path) {
-    __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] %s %s => %s : %s", letter_.c_str(),
-             "UploadCacheCancel", GetAERRORA(NOT_SUPPORTED), path != nullptr ? path : "");
-    return NOT_SUPPORTED;
+    return UploadRecovery("UploadCacheCancel", &File::UploadCacheCancel, path);
+}
+
+AERROR FileSystem::UploadRecovery(const char* name,
+                                  AERROR (File::*operation)(std::shared_ptr<File>),
+                                  const char* path) {
+    const std::string exact = ToExactPath(path, false);
+    std::shared_ptr<File> node;
+    AERROR result = GetFile(exact.c_str(), node);
+    if (result == SUCCESS && node) result = (node.get()->*operation)(node);
+    __LOG__A(CurrentLogger(), result != SUCCESS ? LL_ERROR : LL_DEBUG,
+             "[FILESYSTEM] %s %s => %s : %s", letter_.c_str(), name, GetAERRORA(result),
+             path != nullptr ? path : "");
+    return result;
 }

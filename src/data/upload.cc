@@ -1,0 +1,343 @@
+// Upload jobs: running a node's queued jobs, uploading its cached content,
+// and what the host may decide when an upload fails.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "api/log.h"
+#include "data/async_job.h"
+#include "data/cache_io.h"
+#include "foundation/time_utils.h"
+#include "fs/filesystem_interfaces.h"
+#include "libfilesystem/entry_points.h"
+#include "tree/file.h"
+
+namespace {
+
+// Progress reports are throttled against this clock.
+const auto kLoaded = std::chrono::steady_clock::now();
+
+struct ProgressContext {
+    File* node;
+    std::string localPath;
+    long long interval;  // milliseconds between reports
+    long long last = -1;
+};
+
+void TransferCallback(unsigned long long done, unsigned long long total, double rate,
+                      void* context) {
+    auto* progress = static_cast<ProgressContext*>(context);
+    const long long now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              std::chrono::steady_clock::now() - kLoaded)
+                              .count();
+    if (done < total && progress->last >= 0 && now - progress->last < progress->interval) return;
+    progress->last = now;
+    if (auto sink = progress->node->GetFSEvent()) {
+        sink->Progress(progress->localPath.c_str(), done, total, rate);
+    }
+}
+
+// The upload's source: the cached content, failing at once when the upload
+// is cancelled, so that no protocol needs to know how the library cancels.
+class CancellableSource : public ICacheIO {
+  public:
+    CancellableSource(ICacheIO* source, const std::atomic<bool>& canceled)
+        : source_(source), canceled_(canceled) {}
+    AERROR Read(_READDATA* request) override {
+        if (canceled_.load()) return UPLOAD_CANCELED;
+        return source_->Read(request);
+    }
+    AERROR Write(_WRITEDATA*) override { return FILE_WRITE_FAILED; }
+
+  private:
+    ICacheIO* source_;
+    const std::atomic<bool>& canceled_;
+};
+
+}  // namespace
+
+File& File::operator<<(std::shared_ptr<_ASYNCJOB> job) {
+    std::lock_guard<std::mutex> lock(jobLock_);
+    jobs_.push_back(std::move(job));
+    return *this;
+}
+
+void File::ProcessJobs() {
+    for (;;) {
+        std::shared_ptr<_ASYNCJOB> job;
+        {
+            std::lock_guard<std::mutex> lock(jobLock_);
+            // Another worker may be running this node's jobs already.
+            if (jobs_.empty() || jobRunning_) return;
+            job = jobs_.front();
+            jobRunning_ = true;
+        }
+        if (job->kind == ASYNCJOB_SAVE) {
+            const AERROR result = SaveCacheToFile(job->target);
+            if (auto sink = GetFSEvent()) {
+                sink->Notice(result == SUCCESS ? FSNOTICE_SAVED_TO_FILE : FSNOTICE_SAVE_FAILED,
+                             BuildPathA('/').c_str(), BuildOriginPathA().c_str(),
+                             job->target.c_str());
+            }
+        } else {
+            AERROR result = SUCCESS;
+            while ((result = AsyncJobUpload(result, job, nullptr)) == RETRY_UPLOAD) {
+            }
+        }
+        bool idle;
+        {
+            std::lock_guard<std::mutex> lock(jobLock_);
+            if (!jobs_.empty() && jobs_.front() == job) jobs_.pop_front();
+            if (job->handle) handles_.CloseHandle(job->handle.get());
+            jobRunning_ = false;
+            idle = jobs_.empty();
+            jobsDone_.notify_all();
+        }
+        // The cache object is kept only while the node is in use.
+        if (idle && !handles_.HasAnyOpened()) CloseCache();
+    }
+}
+
+void File::CancelAsyncJobs() {
+    std::lock_guard<std::mutex> lock(jobLock_);
+    const size_t keep = jobRunning_ ? 1 : 0;
+    bool dropped = false;
+    while (jobs_.size() > keep) {
+        auto job = jobs_.back();
+        jobs_.pop_back();
+        if (job->handle) handles_.CloseHandle(job->handle.get());
+        dropped = true;
+    }
+    // A queued upload that never started leaves the data pending in the cache.
+    if (dropped && jobs_.empty() && uploadState_.load() == 3) uploadState_ = 2;
+}
+
+void File::WaitAsyncJobs() {
+    std::unique_lock<std::mutex> lock(jobLock_);
+    jobsDone_.wait(lock, [this] { return !jobRunning_; });
+}
+
+int File::CountUploadings() {
+    std::lock_guard<std::mutex> lock(jobLock_);
+    int count = 0;
+    for (const auto& job : jobs_)
+        count += job->kind == ASYNCJOB_UPLOAD ? 1 : 0;
+    return count;
+}
+
+void File::CancelUploadings() {
+    CancelAsyncJobs();
+    std::lock_guard<std::mutex> lock(jobLock_);
+    if (jobRunning_) uploadCanceled_ = true;
+}
+
+AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportService* exportService) {
+    const std::string name = Name();
+    if (!protocol_) {
+        __LOG__A(CurrentLogger(), LL_ERROR,
+                 "[ASYNCJOB  ] Protocol not found. Upload %s has failed.", name.c_str());
+        return FAILED;
+    }
+    // The cache object may have been closed since the file was: the data is
+    // still in the cache service.
+    if (!CacheObject()) OpenCache('r');
+    auto cacheObject = CacheObject();
+    if (!cacheObject) {
+        __LOG__A(CurrentLogger(), LL_ERROR, "[ASYNCJOB  ] Cache not found. Upload %s has failed.",
+                 name.c_str());
+        uploadState_ = 6;
+        return FAILED;
+    }
+    __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload - %s", name.c_str());
+    uploadCanceled_ = false;
+    uploadState_ = 3;
+    const uint64_t generation = writeGeneration_.load();
+
+    _FS_FILE_V2 record(*Info());
+    if (!record.key.empty()) {
+        __LOG__A(CurrentLogger(), LL_INFO,
+                 "[ASYNCJOB  ] If file does not fully written, fill data from server.");
+        cacheObject->Reopen('w', record.size, this);
+        cacheObject->FillUnwritten(job->handle);
+    }
+    if (job->handle) job->handle->reservedPosition = 0;
+    if (record.key.empty()) {
+        const std::string remoteKey = RemoteKey();
+        if (!remoteKey.empty()) {
+            record.key = remoteKey;
+            __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload overwrite mode for %s.",
+                     name.c_str());
+        } else {
+            __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload new file.");
+        }
+    }
+
+    PreventTimeoutCacheIO timeoutSource(cacheObject, exportService, config_);
+    CancellableSource source(&timeoutSource, uploadCanceled_);
+    ProgressContext progressContext{this, BuildLocalPathA('/'), GetConfig().callback_interval};
+    _TRANSFERPROGRESS progress;
+    progress.callback = TransferCallback;
+    progress.context = &progressContext;
+    const std::string parentKey = parent_ != nullptr ? Parent()->Key() : std::string();
+    void* cookie = nullptr;
+    AERROR result = protocol_->UploadItem(parentKey.c_str(), job->handle, &source, &record,
+                                          record.size != 0 ? &progress : nullptr, &cookie);
+    if (result != SUCCESS) {
+        __LOG__A(CurrentLogger(), LL_ERROR, "[ASYNCJOB  ] Upload failed. Protocol returns %s",
+                 GetAERRORA(result));
+        uploadState_ = 6;
+    } else {
+        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Transfer success.");
+        const auto local = Info();
+        if ((protocol_->GetCapabilities() & PROTOCOL_CAP_SET_TIME) != 0 && !record.key.empty()) {
+            __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time.");
+            void* timeCookie = nullptr;
+            const long modifyTime = RFC3339ToTM(local->modifyTime.c_str());
+            if (protocol_->SetItemTime(record.key.c_str(), 0, 0, modifyTime, &timeCookie) ==
+                SUCCESS) {
+                __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time success.");
+            }
+            if (timeCookie != nullptr) protocol_->ReleaseCookie(timeCookie);
+        }
+        {
+            std::lock_guard<std::mutex> lock(dataMutex_);
+            remoteKey_ = record.key;
+            auto next = std::make_shared<_FS_FILE_EXT>(*Info());
+            next->key = record.key;
+            next->knownSize = record.size;
+            fetchableSize_ = next->size;
+            PublishInfo(next);
+        }
+        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Close and flush writable cache.");
+        // What was sent is stored remotely, unless the file changed while it
+        // was sent: then it stays marked, and its next close uploads again.
+        if (writeGeneration_.load() == generation) {
+            cacheObject->Commit();
+            modified_ = 0;
+        }
+        ReopenCache('r');
+        uploadState_ = 5;
+        IndexForChanges(shared_from_this());
+    }
+
+    if (result != SUCCESS && result != UPLOAD_CANCELED) {
+        auto sink = GetFSEvent();
+        const bool closed = !job->origin || job->origin->IsClosing();
+        if (sink && closed) {
+            __LOG__A(CurrentLogger(), LL_WARNING,
+                     "[ASYNCJOB  ] Error occured while uploading file. User action required.");
+            std::vector<char> answerPath(65536, '\0');
+            const std::string localPath = BuildLocalPathA('/');
+            const int answer = sink->AskUploadFailure(result, localPath.c_str(), answerPath.data(),
+                                                      answerPath.size() - 1);
+            if (answer == UPLOAD_ANSWER_CANCEL) {
+                __LOG__A(CurrentLogger(), LL_WARNING, "[ASYNCJOB  ] User canceled upload.");
+                UploadCacheCancel(shared_from_this());
+                sink->Notice(FSNOTICE_UPLOAD_DECIDED, localPath.c_str(), BuildOriginPathA().c_str(),
+                             BuildPathForPrint('/', false).c_str());
+            } else if (answer == UPLOAD_ANSWER_RETRY) {
+                __LOG__A(CurrentLogger(), LL_WARNING, "[ASYNCJOB  ] User retried upload.");
+                sink->Notice(FSNOTICE_UPLOAD_DECIDED, localPath.c_str(), BuildOriginPathA().c_str(),
+                             BuildPathForPrint('/', false).c_str());
+                result = RETRY_UPLOAD;
+            } else if (answer == UPLOAD_ANSWER_SAVE) {
+                const std::string target(answerPath.data());
+                __LOG__A(CurrentLogger(), LL_WARNING,
+                         "[ASYNCJOB  ] User choose save to local file %s.", target.c_str());
+                const AERROR saved = SaveCacheToFile(target);
+                // Once the data is safe in the local file, the upload is given
+                // up; if the save failed, the data stays cached.
+                if (saved == SUCCESS) UploadCacheCancel(shared_from_this());
+                sink->Notice(saved == SUCCESS ? FSNOTICE_SAVED_TO_FILE : FSNOTICE_SAVE_FAILED,
+                             localPath.c_str(), BuildOriginPathA().c_str(), target.c_str());
+            }
+        }
+    }
+    if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
+    __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] AsyncJobUpload - %s(%s) done(%s)",
+             name.c_str(), BuildOriginPathA().c_str(), result == SUCCESS ? "Success" : "Failed");
+    return result;
+}
+
+AERROR File::UploadNow(std::shared_ptr<_FS_HANDLE_EXT> handle, IExportService* exportService) {
+    auto job = std::make_shared<_ASYNCJOB>();
+    job->kind = ASYNCJOB_UPLOAD;
+    job->handle = handle;
+    job->origin = handle;
+    AERROR result = SUCCESS;
+    while ((result = AsyncJobUpload(result, job, exportService)) == RETRY_UPLOAD) {
+    }
+    return result;
+}
+
+AERROR File::SaveCacheToFile(const std::string& path) {
+    if (path.empty() || IsFolder()) return SAVE_FAILED;
+    if (!CacheObject()) OpenCache('r');
+    auto cacheObject = CacheObject();
+    auto info = Info();
+    if (!cacheObject && info->size > 0) return SAVE_FAILED;
+    const std::string temporary = path + ".skarvo-part";
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return SAVE_FAILED;
+    auto handle = std::shared_ptr<_FS_HANDLE_EXT>(FileHandles::NewHandle());
+    handle->context = GetContext();
+    std::vector<char> buffer(1 << 20);
+    AERROR result = SUCCESS;
+    for (long long offset = 0; offset < info->size && result == SUCCESS;) {
+        _READDATA request;
+        request.buffer = buffer.data();
+        request.offset = offset;
+        request.size = std::min<long long>(buffer.size(), info->size - offset);
+        request.handle = handle;
+        request.fileSize = info->size;
+        request.fetch = !info->key.empty() ? this : nullptr;
+        result = cacheObject->Read(&request);
+        if (result == SUCCESS && request.read <= 0) result = SAVE_FAILED;
+        if (result != SUCCESS) break;
+        if (::write(fd, buffer.data(), request.read) != request.read) result = SAVE_FAILED;
+        offset += request.read;
+    }
+    if (result == SUCCESS && ::fsync(fd) != 0) result = SAVE_FAILED;
+    ::close(fd);
+    if (result == SUCCESS && ::rename(temporary.c_str(), path.c_str()) != 0) result = SAVE_FAILED;
+    if (result != SUCCESS) {
+        ::unlink(temporary.c_str());
+        return SAVE_FAILED;
+    }
+    return SUCCESS;
+}
+
+AERROR File::UploadCacheSave(std::shared_ptr<File>, const char* localPath) {
+    return SaveCacheToFile(localPath != nullptr ? localPath : "");
+}
+
+AERROR File::UploadCacheRetry(std::shared_ptr<File> self) {
+    auto job = std::make_shared<_ASYNCJOB>();
+    job->kind = ASYNCJOB_UPLOAD;
+    uploadState_ = 3;
+    *this << job;
+    if (fileSystem_ != nullptr) fileSystem_->QueueFile(self);
+    return SUCCESS;
+}
+
+AERROR File::UploadCacheCancel(std::shared_ptr<File>) {
+    CancelAsyncJobs();
+    // The remote file stays as it was: forget what was written locally, so
+    // that reads show the remote content again.
+    if (auto cacheObject = CacheObject()) cacheObject->Discard();
+    {
+        std::lock_guard<std::mutex> lock(dataMutex_);
+        auto next = std::make_shared<_FS_FILE_EXT>(*Info());
+        next->size = next->knownSize;
+        if (next->key.empty()) next->key = remoteKey_;
+        fetchableSize_ = next->size;
+        PublishInfo(next);
+    }
+    ReopenCache('r');
+    modified_ = 0;
+    uploadState_ = 1;
+    return SUCCESS;
+}
