@@ -245,8 +245,7 @@ TEST(MountArgumentsTest, BothPlatformListsAreExact) {
                                           "-ovolname=My Drive"};
     EXPECT_EQ(BuildMountArguments(parameter, MountPlatform::kMacOS), mac);
     const std::vector<std::string> linux = {"skarvo",         "/Volumes/Drive", "-ofsname=skfs",
-                                            "-osubtype=skfs", "-ohard_remove",  "-obig_writes",
-                                            "-ouse_ino"};
+                                            "-osubtype=skfs", "-ohard_remove",  "-obig_writes"};
     EXPECT_EQ(BuildMountArguments(parameter, MountPlatform::kLinux), linux);
 
     parameter.type = MT_READ_ONLY;
