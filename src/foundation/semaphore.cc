@@ -15,3 +15,10 @@ void Semaphore::Wait() {
     available_.wait(lock, [this] { return count_ != 0; });
     --count_;
 }
+
+bool Semaphore::WaitFor(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!available_.wait_for(lock, timeout, [this] { return count_ != 0; })) return false;
+    --count_;
+    return true;
+}

@@ -3,6 +3,7 @@
 #ifndef LIBFILESYSTEM_FOUNDATION_SEMAPHORE_H_
 #define LIBFILESYSTEM_FOUNDATION_SEMAPHORE_H_
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -17,6 +18,8 @@ class Semaphore {
     void Post();
     // Takes one unit, waiting for a Post() while there is none.
     void Wait();
+    // As Wait(), but gives up after `timeout`; true when a unit was taken.
+    bool WaitFor(std::chrono::milliseconds timeout);
 
   private:
     std::mutex mutex_;

@@ -1,4 +1,6 @@
 // The file system's background workers, its upload queue, and teardown.
+#include <algorithm>
+
 #include "api/async_queue.h"
 #include "api/log.h"
 #include "fs/filesystem.h"
@@ -46,7 +48,19 @@ void FileSystem::Process(void* context) {
         return;
     }
     for (bool stop = false; !stop;) {
-        queueSemaphore_.Wait();
+        // While idle, a worker also asks the protocols that report changes
+        // for them, so that remote changes appear within the changes
+        // interval even when no lookup misses (a file deleted remotely is
+        // still found in the tree). Polls are rate-limited per protocol.
+        const auto interval =
+            std::chrono::milliseconds(std::max<int64_t>(GetConfig().changes_interval, 100));
+        if (!queueSemaphore_.WaitFor(interval)) {
+            if (!destroyed_.load()) {
+                for (const auto& entry : Protocols())
+                    PollChanges(*entry);
+            }
+            continue;
+        }
         // Drain in a loop: the semaphore may lag behind the queue.
         for (;;) {
             std::shared_ptr<File> file;
