@@ -1,0 +1,316 @@
+#include "cli/mount_session.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/configuration.h"
+#include "cli/mount_checks.h"
+#include "cli/remote_schemes.h"
+#include "cli/run_loop.h"
+#include "cli/upload_events.h"
+#include "libfilesystem/entry_points.h"
+#include "services/disk_cache.h"
+#include "services/job_queue.h"
+#include "services/logger.h"
+
+namespace {
+
+constexpr char kProduct[] = "skarvo";
+
+sigset_t StopSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    return set;
+}
+
+int Fail(const std::string& line) {
+    fprintf(stderr, "skarvo: %s\n", line.c_str());
+    return 1;
+}
+
+// The mounted volume as the run loop drives it, through the library's entry
+// points.
+class LibraryVolume : public VolumeControl {
+  public:
+    LibraryVolume(std::string mountPoint, ICacheService* cache, UploadEvents* events)
+        : mountPoint_(std::move(mountPoint)), cache_(cache), events_(events) {}
+
+    bool WaitForSignal(std::chrono::milliseconds timeout) override {
+        const sigset_t set = StopSignals();
+        struct timespec wait {};
+        wait.tv_sec = static_cast<time_t>(timeout.count() / 1000);
+        wait.tv_nsec = static_cast<long>(timeout.count() % 1000) * 1000000;
+        return sigtimedwait(&set, nullptr, &wait) > 0;
+    }
+    AERROR Unmount(bool force) override { return ::Unmount(mountPoint_.c_str(), force); }
+    bool IsMounted() override { return FS_GetFileSystemImpl(mountPoint_.c_str()) != nullptr; }
+    int CountUploads() override {
+        IFileSystem_V2* fs = FS_GetFileSystemImpl(mountPoint_.c_str());
+        return fs != nullptr ? fs->CountUploadings() : 0;
+    }
+    uint64_t UnsentBytes() override {
+        unsigned long long used = 0;
+        unsigned long long unsent = 0;
+        if (cache_ == nullptr || cache_->GetUsage(&used, &unsent) != SUCCESS) return 0;
+        return unsent;
+    }
+    void Say(const std::string& line) override {
+        if (events_ != nullptr) {
+            events_->Say("skarvo: " + line);
+        } else {
+            fprintf(stderr, "skarvo: %s\n", line.c_str());
+        }
+    }
+    void Forcing() override {
+        if (events_ != nullptr) events_->Shutdown();
+    }
+
+  private:
+    const std::string mountPoint_;
+    ICacheService* const cache_;
+    UploadEvents* const events_;
+};
+
+std::string MountErrorText(AERROR code, const std::string& point, const MountOptions& options) {
+    switch (code) {
+        case FS_DRIVER_ERROR:
+            return "FUSE is not available; load the fuse module (modprobe fuse) or run inside a "
+                   "container with --device /dev/fuse";
+        case FS_ALREADY_MOUNTED:
+            return point + " is mounted already";
+        case JSON_PARSE_FAILED:
+            return "the configuration is not valid JSON";
+        case FS_MOUNT_ERROR:
+            return "mounting at " + point + " failed" +
+                   (options.allowOther ? " (as a user, -o allow_other needs user_allow_other in "
+                                         "/etc/fuse.conf)"
+                                       : "") +
+                   "; run with --log-level info for the details";
+        default:
+            return "mounting at " + point + " failed: " + GetAERRORA(code);
+    }
+}
+
+// Everything that runs while a volume is mounted, in the order it is torn
+// down: the library lets go of the services before they are destroyed.
+class Session {
+  public:
+    explicit Session(const MountOptions& options) : options_(options) {}
+    ~Session() { Teardown(); }
+
+    int Run();
+
+  private:
+    int Prepare();
+    int AddRemotes();
+    void Teardown();
+    void RestoreMountPoint();
+
+    const MountOptions& options_;
+    std::string point_;
+    struct stat pointInfo_ {};
+    std::string configuration_;
+    std::unique_ptr<Logger> logger_;
+    std::vector<OpenedRemote> remotes_;
+    std::vector<std::string> identities_;
+    std::string volumeName_;
+    std::unique_ptr<JobQueue> queue_;
+    std::shared_ptr<DiskCache> cache_;
+    std::shared_ptr<UploadEvents> events_;
+    bool bound_ = false;
+    bool mounted_ = false;
+};
+
+int Session::Prepare() {
+    std::string error;
+    if (!CheckMountPoint(options_.mountPoint, &point_, &error)) return Fail(error);
+    stat(point_.c_str(), &pointInfo_);
+    if (!CheckFuseDevice("/dev/fuse", &error)) return Fail(error);
+    if (!BuildConfiguration(options_.configFile, options_.allowOther, &configuration_, &error)) {
+        return Fail(error);
+    }
+    if (options_.logFile.empty()) {
+        logger_ = std::make_unique<Logger>(options_.logLevel);
+    } else {
+        logger_ = Logger::OpenFile(options_.logFile, options_.logLevel, &error);
+        if (!logger_) return Fail(error);
+    }
+
+    std::set<std::string> seen;
+    for (const RemoteArgument& argument : options_.remotes) {
+        OpenedRemote remote = OpenRemote(argument, &error);
+        if (!remote.protocol) return Fail(error);
+        if (IsSameOrInside(point_, remote.localFolder)) {
+            return Fail("mount point " + point_ + " lies inside the remote folder " +
+                        remote.localFolder + "; choose a mount point outside it");
+        }
+        const AERROR connected = remote.protocol->Connect();
+        if (connected != SUCCESS) {
+            return Fail("cannot connect to " + argument.text + ": " + GetAERRORA(connected));
+        }
+        char identity[4096] = "";
+        if (remote.protocol->GetIdentity(identity, sizeof(identity)) != SUCCESS ||
+            identity[0] == '\0') {
+            snprintf(identity, sizeof(identity), "%s", argument.text.c_str());
+        }
+        if (!seen.insert(identity).second) {
+            return Fail("remote " + argument.text + " is given twice (" + identity + ")");
+        }
+        identities_.push_back(identity);
+        remotes_.push_back(std::move(remote));
+    }
+    // skarvo's own folders must stay out of the volume and out of what it shows.
+    const std::pair<const char*, std::string> folders[] = {
+        {"--cache-dir", options_.cacheDir}, {"--recovery-dir", options_.upload.recoveryDir}};
+    for (const auto& folder : folders) {
+        const std::string resolved = ResolvePath(folder.second);
+        std::string container = IsSameOrInside(resolved, point_) ? "the mount point " + point_ : "";
+        for (const OpenedRemote& remote : remotes_) {
+            if (container.empty() && IsSameOrInside(resolved, remote.localFolder)) {
+                container = "the remote folder " + remote.localFolder;
+            }
+        }
+        if (!container.empty()) {
+            return Fail(std::string(folder.first) + " " + folder.second + " lies inside " +
+                        container + "; choose a folder outside it");
+        }
+    }
+    volumeName_ = !options_.volumeName.empty() ? options_.volumeName
+                                               : VolumeNameFromIdentity(identities_.front());
+
+    queue_ = std::make_unique<JobQueue>();
+    const std::string cacheFolder = VolumeCacheDir(options_.cacheDir, volumeName_, identities_);
+    cache_ =
+        DiskCache::Create(cacheFolder, options_.cacheMaxBytes, queue_.get(), logger_.get(), &error);
+    if (!cache_) return Fail(error + "; choose another folder with --cache-dir");
+    logger_->Log(LL_INFO, "cache of %s: %s", point_.c_str(), cacheFolder.c_str());
+    return 0;
+}
+
+int Session::AddRemotes() {
+    for (size_t i = 0; i < remotes_.size(); ++i) {
+        IFileSystem_V2* fs = FS_GetFileSystemImpl(point_.c_str());
+        const std::string& name = options_.remotes[i].text;
+        const AERROR added =
+            fs != nullptr ? fs->AddProtocol(remotes_[i].protocol, name.c_str()) : FS_INVALID_LETTER;
+        if (added != SUCCESS) {
+            return Fail("cannot add remote " + name + " to the volume: " + GetAERRORA(added));
+        }
+    }
+    return 0;
+}
+
+int Session::Run() {
+    if (const int failed = Prepare()) return failed;
+
+    FS_BindLogger(FS_LOGGER_MAIN, logger_.get());
+    FS_BindAsyncQ(queue_.get());
+    FS_BindCache(cache_.get());
+    bound_ = true;
+    FS_Initialize(kProduct);
+
+    IFileSystem_V2* fs = nullptr;
+    const AERROR mountResult =
+        Mount(point_.c_str(), volumeName_.c_str(), MountTypeFor(options_), &fs, nullptr,
+              configuration_.empty() ? nullptr : configuration_.c_str());
+    if (mountResult != SUCCESS) return Fail(MountErrorText(mountResult, point_, options_));
+    mounted_ = true;
+
+    events_ = std::make_shared<UploadEvents>(options_.upload, point_, logger_.get(),
+                                             isatty(STDERR_FILENO) == 1);
+    if (remotes_.size() == 1) {
+        // A cookie comes from the protocol that failed; with one remote that
+        // is known.
+        std::shared_ptr<IProtocol_V2> protocol = remotes_.front().protocol;
+        events_->SetCookieDescriber([protocol](void* cookie) {
+            char text[1024] = "";
+            protocol->DescribeCookie(cookie, text, sizeof(text));
+            return std::string(text);
+        });
+    }
+    fs->SetFSEvent(events_);
+    LibraryVolume volume(point_, cache_.get(), events_.get());
+    if (const int failed = AddRemotes()) {
+        if (!ForceUnmount(volume)) _exit(failed);
+        mounted_ = false;
+        return failed;
+    }
+
+    std::string names;
+    for (const RemoteArgument& argument : options_.remotes)
+        names += (names.empty() ? "" : " + ") + argument.text;
+    logger_->Log(LL_INFO, "mounted %s at %s", names.c_str(), point_.c_str());
+    volume.Say("mounted " + names + " at " + point_ + "; press Ctrl-C to unmount");
+
+    const RunEnd end = RunUntilUnmounted(volume, point_);
+    // The library may still be using the services: nothing can be torn down.
+    if (end == RunEnd::kAbandoned) _exit(1);
+    mounted_ = false;
+    if (end == RunEnd::kUnmountedOutside) {
+        logger_->Log(LL_INFO, "%s was unmounted from outside", point_.c_str());
+    }
+    return 0;
+}
+
+void Session::Teardown() {
+    if (mounted_) {
+        // A failure after mounting: the volume must not outlive skarvo.
+        LibraryVolume volume(point_, cache_.get(), events_.get());
+        if (!ForceUnmount(volume)) _exit(1);
+        mounted_ = false;
+    }
+    if (bound_) {
+        FS_UnbindCache();
+        FS_UnbindAsyncQ();
+        FS_UnbindLogger();
+        bound_ = false;
+    }
+    for (OpenedRemote& remote : remotes_)
+        remote.protocol->Disconnect();
+    remotes_.clear();
+    if (cache_) {
+        cache_->Flush();
+        cache_.reset();
+    }
+    if (queue_) {
+        queue_->Stop();
+        queue_.reset();
+    }
+    RestoreMountPoint();
+}
+
+// The library removes the mount point when the volume goes away; skarvo
+// wants it to exist, so it puts back the folder it found.
+void Session::RestoreMountPoint() {
+    if (point_.empty() || pointInfo_.st_mode == 0) return;
+    struct stat now {};
+    if (lstat(point_.c_str(), &now) == 0 || errno != ENOENT) return;
+    if (mkdir(point_.c_str(), pointInfo_.st_mode & 07777) != 0) return;
+    if (geteuid() == 0 && lchown(point_.c_str(), pointInfo_.st_uid, pointInfo_.st_gid) != 0) {
+        fprintf(stderr, "skarvo: cannot give %s back to its owner\n", point_.c_str());
+    }
+}
+
+}  // namespace
+
+void BlockStopSignals() {
+    const sigset_t set = StopSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+int RunMountCommand(const MountOptions& options) {
+    Session session(options);
+    return session.Run();
+}

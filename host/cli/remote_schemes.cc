@@ -1,0 +1,89 @@
+#include "cli/remote_schemes.h"
+
+#include "remotes/local_protocol.h"
+
+namespace {
+
+OpenedRemote OpenLocal(const std::string& location, std::string* error) {
+    OpenedRemote opened;
+    std::shared_ptr<LocalProtocol> protocol = LocalProtocol::Create(location, error);
+    if (protocol == nullptr) return opened;
+    opened.localFolder = protocol->Root();
+    opened.protocol = std::move(protocol);
+    return opened;
+}
+
+std::string SchemeNames() {
+    std::string names;
+    for (const RemoteScheme& scheme : RemoteSchemes()) {
+        if (!names.empty()) names += ", ";
+        names += scheme.name;
+    }
+    return names;
+}
+
+}  // namespace
+
+const std::vector<RemoteScheme>& RemoteSchemes() {
+    static const std::vector<RemoteScheme> kSchemes = {
+        {"local", "PATH", "a folder of this machine, served as if it were remote storage",
+         &OpenLocal},
+    };
+    return kSchemes;
+}
+
+const RemoteScheme* FindRemoteScheme(const std::string& name) {
+    for (const RemoteScheme& scheme : RemoteSchemes()) {
+        if (name == scheme.name) return &scheme;
+    }
+    return nullptr;
+}
+
+bool ParseRemote(const std::string& text, RemoteArgument* argument, std::string* error) {
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos || colon == 0) {
+        if (error != nullptr) {
+            *error = "remote '" + text + "' must look like SCHEME:LOCATION, e.g. local:/srv/data";
+        }
+        return false;
+    }
+    const std::string name = text.substr(0, colon);
+    const RemoteScheme* scheme = FindRemoteScheme(name);
+    if (scheme == nullptr) {
+        if (error != nullptr) {
+            *error = "unknown remote kind '" + name + "' in '" + text +
+                     "' (known: " + SchemeNames() + ")";
+        }
+        return false;
+    }
+    if (colon + 1 == text.size()) {
+        if (error != nullptr) {
+            *error = "remote '" + text + "' names no " + scheme->location + " after the colon";
+        }
+        return false;
+    }
+    argument->text = text;
+    argument->scheme = scheme;
+    argument->location = text.substr(colon + 1);
+    return true;
+}
+
+OpenedRemote OpenRemote(const RemoteArgument& argument, std::string* error) {
+    if (argument.scheme == nullptr) {
+        if (error != nullptr) *error = "remote '" + argument.text + "' was not parsed";
+        return OpenedRemote();
+    }
+    return argument.scheme->open(argument.location, error);
+}
+
+std::string VolumeNameFromIdentity(const std::string& identity) {
+    const size_t colon = identity.find(':');
+    const std::string scheme = colon == std::string::npos ? "" : identity.substr(0, colon);
+    std::string location = colon == std::string::npos ? identity : identity.substr(colon + 1);
+    while (!location.empty() && location.back() == '/')
+        location.pop_back();
+    const size_t slash = location.rfind('/');
+    std::string name = slash == std::string::npos ? location : location.substr(slash + 1);
+    if (name.empty()) name = scheme;
+    return name.empty() ? "skarvo" : name;
+}

@@ -1,0 +1,56 @@
+// The kinds of remote skarvo can mount, "SCHEME:LOCATION" on the command line.
+// Every remote is parsed and opened through this one table, so a new kind of
+// remote is one more row.
+#ifndef SKARVO_CLI_REMOTE_SCHEMES_H_
+#define SKARVO_CLI_REMOTE_SCHEMES_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "libfilesystem/protocol.h"
+
+// A remote that was opened, ready to be added to a volume.
+struct OpenedRemote {
+    std::shared_ptr<IProtocol_V2> protocol;
+    // For remotes kept in a folder of this machine: that folder's canonical
+    // path, so that the mount point and the cache can be kept out of it.
+    // Empty for every other kind.
+    std::string localFolder;
+};
+
+struct RemoteScheme {
+    const char* name;         // "local"
+    const char* location;     // what follows the colon, for --help: "PATH"
+    const char* description;  // one line for --help
+    // Opens the remote at `location`; a null protocol, with one line saying
+    // what is wrong in *error, when it cannot.
+    OpenedRemote (*open)(const std::string& location, std::string* error);
+};
+
+// Every scheme, in the order --help lists them.
+const std::vector<RemoteScheme>& RemoteSchemes();
+// The scheme called `name` (exact case), or null.
+const RemoteScheme* FindRemoteScheme(const std::string& name);
+
+// One REMOTE argument, split.
+struct RemoteArgument {
+    std::string text;  // as given: "local:/srv/data"
+    const RemoteScheme* scheme = nullptr;
+    std::string location;  // "/srv/data"
+};
+
+// Splits "SCHEME:LOCATION" and finds the scheme. False, with one line in
+// *error, when there is no scheme, the scheme is unknown or the location is
+// empty.
+bool ParseRemote(const std::string& text, RemoteArgument* argument, std::string* error);
+
+// Opens a parsed remote through its scheme.
+OpenedRemote OpenRemote(const RemoteArgument& argument, std::string* error);
+
+// The volume name derived from a remote's identity ("local:/srv/data" gives
+// "data"): the last component of the location, or the scheme name when the
+// location has none.
+std::string VolumeNameFromIdentity(const std::string& identity);
+
+#endif  // SKARVO_CLI_REMOTE_SCHEMES_H_

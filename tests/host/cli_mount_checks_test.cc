@@ -1,0 +1,95 @@
+// The checks made before mounting, each failing with the one line the user
+// needs, and the per-volume cache folders with their lock.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "cli/mount_checks.h"
+#include "services/disk_cache.h"
+#include "services/job_queue.h"
+
+namespace {
+
+class MountChecksTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char dir[] = "/tmp/cli_mount_checks_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        dir_ = std::filesystem::canonical(dir).string();
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+
+    std::string dir_;
+};
+
+TEST_F(MountChecksTest, MountPointMustBeAnExistingEmptyFolder) {
+    std::string canonical;
+    std::string error;
+    const std::string point = dir_ + "/mnt";
+    EXPECT_FALSE(CheckMountPoint(point, &canonical, &error));
+    EXPECT_EQ(error, "mount point " + point + " does not exist; create it with mkdir -p " + point);
+
+    ASSERT_EQ(mkdir(point.c_str(), 0755), 0);
+    ASSERT_EQ(symlink(point.c_str(), (dir_ + "/link").c_str()), 0);
+    ASSERT_TRUE(CheckMountPoint(dir_ + "/link/", &canonical, &error)) << error;
+    EXPECT_EQ(canonical, point);
+
+    std::ofstream(point + "/.hidden") << "x";
+    EXPECT_FALSE(CheckMountPoint(point, &canonical, &error));
+    EXPECT_EQ(error, "mount point " + point + " is not empty");
+
+    EXPECT_FALSE(CheckMountPoint(point + "/.hidden", &canonical, &error));
+    EXPECT_EQ(error, "mount point " + point + "/.hidden is not a folder");
+}
+
+TEST_F(MountChecksTest, MissingFuseDeviceSaysWhatToDo) {
+    std::string error;
+    EXPECT_FALSE(CheckFuseDevice(dir_ + "/fuse", &error));
+    EXPECT_NE(error.find("cannot open " + dir_ + "/fuse: No such file or directory"),
+              std::string::npos);
+    EXPECT_NE(error.find("modprobe fuse"), std::string::npos);
+    EXPECT_NE(error.find("--device " + dir_ + "/fuse"), std::string::npos);
+    EXPECT_TRUE(CheckFuseDevice("/dev/null", &error));
+}
+
+TEST_F(MountChecksTest, ContainmentComparesWholeNames) {
+    EXPECT_TRUE(IsSameOrInside("/srv/data", "/srv/data"));
+    EXPECT_TRUE(IsSameOrInside("/srv/data/mnt", "/srv/data"));
+    EXPECT_FALSE(IsSameOrInside("/srv/database", "/srv/data"));
+    EXPECT_TRUE(IsSameOrInside("/anything", "/"));
+    EXPECT_FALSE(IsSameOrInside("/srv", ""));
+
+    ASSERT_EQ(symlink(dir_.c_str(), (dir_ + "/self").c_str()), 0);
+    EXPECT_EQ(ResolvePath(dir_ + "/self/not/yet/there/"), dir_ + "/not/yet/there");
+}
+
+TEST_F(MountChecksTest, EachSetOfRemotesHasItsOwnLockedCache) {
+    const std::string a = VolumeCacheDir(dir_, "data", {"local:/srv/data"});
+    EXPECT_EQ(a.rfind(dir_ + "/volumes/data-", 0), 0u) << a;
+    EXPECT_EQ(a, VolumeCacheDir(dir_, "data", {"local:/srv/data"}));
+    EXPECT_NE(a, VolumeCacheDir(dir_, "data", {"local:/other/data"}));
+    EXPECT_NE(VolumeCacheDir(dir_, "v", {"local:/a", "local:/b"}),
+              VolumeCacheDir(dir_, "v", {"local:/b", "local:/a"}));
+    const std::string odd = VolumeCacheDir(dir_, "../My Files", {"local:/x"});
+    EXPECT_EQ(odd.find("/../"), std::string::npos) << odd;
+    EXPECT_EQ(odd.find(' '), std::string::npos) << odd;
+
+    JobQueue queue;
+    std::string error;
+    auto first = DiskCache::Create(a, 1 << 20, &queue, nullptr, &error);
+    ASSERT_NE(first, nullptr) << error;
+    EXPECT_EQ(DiskCache::Create(a, 1 << 20, &queue, nullptr, &error), nullptr);
+    EXPECT_NE(error.find("in use by another skarvo process"), std::string::npos) << error;
+    auto other = DiskCache::Create(VolumeCacheDir(dir_, "data", {"local:/other/data"}), 1 << 20,
+                                   &queue, nullptr, &error);
+    EXPECT_NE(other, nullptr) << error;
+    first.reset();
+    other.reset();
+    queue.Stop();
+}
+
+}  // namespace
