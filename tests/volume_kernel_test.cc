@@ -275,12 +275,15 @@ while [ $SECONDS -lt $end ]; do
   name=f$((RANDOM % 16)).txt
   other=f$((RANDOM % 16)).txt
   case $((RANDOM % 4)) in
-    0) head -c $((RANDOM % 8192 + 1)) /dev/zero > "$name" 2>/dev/null ;;
+    0) { head -c $((RANDOM % 8192 + 1)) /dev/zero > "$name"; } 2>/dev/null ;;
     1) cat "$name" > /dev/null 2>&1 ;;
     2) mv -f "$name" "$other" 2>/dev/null ;;
     3) rm -f "$name" ;;
   esac
 done
+# Operations may fail when another worker renamed or deleted the file first;
+# the worker only has to finish.
+exit 0
 )";
 
 TEST_F(VolumeKernelTest, ManyProcessesWorkingInOneFolderNeverDeadlock) {

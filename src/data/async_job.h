@@ -13,8 +13,8 @@ constexpr uint64_t ASYNCJOB_SAVE = 4;
 
 struct _ASYNCJOB {
     uint64_t kind = ASYNCJOB_UPLOAD;
-    // A duplicate of the open that produced the job, on whose behalf the
-    // job fetches and uploads; closed when the job leaves the queue.
+    // The handle the job fetches and uploads on behalf of, a copy of the
+    // open that produced it; closed when the job leaves the queue.
     std::shared_ptr<_FS_HANDLE_EXT> handle;
     // The open itself: once it is closed, a failure is put to the host.
     std::shared_ptr<_FS_HANDLE_EXT> origin;

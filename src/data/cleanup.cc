@@ -7,6 +7,23 @@
 #include "fs/filesystem_interfaces.h"
 #include "tree/file.h"
 
+std::shared_ptr<_FS_HANDLE_EXT> File::JobHandle(const std::shared_ptr<_FS_HANDLE_EXT>& origin) {
+    // A record of its own, outside the node's table: an upload is not a
+    // writer, and must not stop a close during the upload from queueing the
+    // next one.
+    auto handle = std::shared_ptr<_FS_HANDLE_EXT>(FileHandles::NewHandle());
+    handle->mode = HANDLE_MODE_WRITE;
+    if (origin) {
+        handle->context = origin->context;
+        handle->id = origin->id;
+        handle->file = origin->file;
+        handle->process = origin->process;
+        handle->path = origin->path;
+        handle->flags = origin->flags;
+    }
+    return handle;
+}
+
 AERROR File::Cleanup(_FS_HANDLE_EXT* handle, bool deleting, IExportService* exportService) {
     std::shared_ptr<_FS_HANDLE_EXT> record;
     if (handle != nullptr) {
@@ -39,7 +56,7 @@ AERROR File::Cleanup(_FS_HANDLE_EXT* handle, bool deleting, IExportService* expo
                 (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_ASYNC_UPLOAD) != 0;
             if ((info->attributes & FILE_ATTRIBUTE_NO_DELETE) == 0 && !IsRemoved() &&
                 fileState_.load() != FILE_STATE_DELETING && IsModified()) {
-                auto copy = handles_.DupHandle(record);
+                auto copy = JobHandle(record);
                 if (asyncUpload && info->size != 0) {
                     uploadState_ = 3;
                     auto job = std::make_shared<_ASYNCJOB>();
@@ -56,7 +73,7 @@ AERROR File::Cleanup(_FS_HANDLE_EXT* handle, bool deleting, IExportService* expo
                     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Upload - %s(%s) done(%s)",
                              Name().c_str(), origin.c_str(),
                              result == SUCCESS ? "Success" : "Failed");
-                    handles_.CloseHandle(copy.get());
+                    copy->state = HANDLE_STATE_CLOSED;
                 }
             }
         }

@@ -287,11 +287,12 @@ AERROR File::WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long
         // Kept locally only: never streamed.
         auto cacheObject = CacheObject();
         if (!cacheObject) return fail(FILE_WRITE_FAILED);
+        std::shared_lock<std::shared_mutex> content(contentLock_);
+        UpdateLastWrite();
         cacheObject->Reopen('w', request.fileSize, this);
         const AERROR result = cacheObject->Write(&request);
         if (result != SUCCESS) return result;
         if (written != nullptr) *written = static_cast<unsigned long>(request.written);
-        UpdateLastWrite();
         SetModified();
         return SUCCESS;
     }
@@ -327,11 +328,12 @@ AERROR File::WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long
         }
         return fail(FILE_WRITE_FAILED);
     }
+    std::shared_lock<std::shared_mutex> content(contentLock_);
+    UpdateLastWrite();
     cacheObject->Reopen('w', request.fileSize, this);
     const AERROR result = cacheObject->Write(&request);
     if (result != SUCCESS) return result;
     if (written != nullptr) *written = static_cast<unsigned long>(request.written);
-    UpdateLastWrite();
     SetModified();
     return SUCCESS;
 }
@@ -390,6 +392,8 @@ AERROR File::WriteStreaming(const std::shared_ptr<_FS_HANDLE_EXT>& record, _WRIT
 
 AERROR File::SetEndOfFile(_FS_HANDLE_EXT* handle, long long size) {
     if (handle == nullptr || handle->mode != HANDLE_MODE_WRITE) return ACCESS_DENIED;
+    std::shared_lock<std::shared_mutex> content(contentLock_);
+    UpdateLastWrite();
     if (auto cacheObject = CacheObject()) {
         // A cache that refuses the size leaves the file as it was.
         if (cacheObject->SetSize(size) != SUCCESS) return SUCCESS;
@@ -401,11 +405,11 @@ AERROR File::SetEndOfFile(_FS_HANDLE_EXT* handle, long long size) {
         fetchableSize_ = size;
         PublishInfo(next);
     }
-    UpdateLastWrite();
     const bool noModifyMark =
         fileSystem_ != nullptr &&
         (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_NO_MODIFY_MARK) != 0;
     if (!noModifyMark) SetModified();
+    content.unlock();
     Notify(NE_UPDATEITEM, BuildPath('\\'));
     return SUCCESS;
 }
@@ -415,6 +419,8 @@ AERROR File::SetAllocationSize(_FS_HANDLE_EXT* handle, long long size) {
 }
 
 AERROR File::ftruncate(const std::string&, long long size) {
+    std::shared_lock<std::shared_mutex> content(contentLock_);
+    UpdateLastWrite();
     if (auto cacheObject = CacheObject()) {
         cacheObject->Reopen('w', size, this);
         if (cacheObject->SetSize(size) != SUCCESS) return SUCCESS;
@@ -429,7 +435,6 @@ AERROR File::ftruncate(const std::string&, long long size) {
         if (size == 0) next->key.clear();
         PublishInfo(next);
     }
-    UpdateLastWrite();
     const bool noModifyMark =
         fileSystem_ != nullptr &&
         (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_NO_MODIFY_MARK) != 0;

@@ -70,8 +70,9 @@ void File::ProcessJobs() {
         std::shared_ptr<_ASYNCJOB> job;
         {
             std::lock_guard<std::mutex> lock(jobLock_);
-            // Another worker may be running this node's jobs already.
-            if (jobs_.empty() || jobRunning_) return;
+            // Another worker may be running this node's jobs already, or
+            // the node is being renamed (which queues it again after).
+            if (jobs_.empty() || jobRunning_ || renaming_) return;
             job = jobs_.front();
             jobRunning_ = true;
         }
@@ -91,7 +92,7 @@ void File::ProcessJobs() {
         {
             std::lock_guard<std::mutex> lock(jobLock_);
             if (!jobs_.empty() && jobs_.front() == job) jobs_.pop_front();
-            if (job->handle) handles_.CloseHandle(job->handle.get());
+            if (job->handle) job->handle->state = HANDLE_STATE_CLOSED;
             jobRunning_ = false;
             idle = jobs_.empty();
             jobsDone_.notify_all();
@@ -108,7 +109,7 @@ void File::CancelAsyncJobs() {
     while (jobs_.size() > keep) {
         auto job = jobs_.back();
         jobs_.pop_back();
-        if (job->handle) handles_.CloseHandle(job->handle.get());
+        if (job->handle) job->handle->state = HANDLE_STATE_CLOSED;
         dropped = true;
     }
     // A queued upload that never started leaves the data pending in the cache.
@@ -118,6 +119,22 @@ void File::CancelAsyncJobs() {
 void File::WaitAsyncJobs() {
     std::unique_lock<std::mutex> lock(jobLock_);
     jobsDone_.wait(lock, [this] { return !jobRunning_; });
+}
+
+void File::BeginNamespaceChange() {
+    std::unique_lock<std::mutex> lock(jobLock_);
+    renaming_ = true;
+    jobsDone_.wait(lock, [this] { return !jobRunning_; });
+}
+
+void File::EndNamespaceChange() {
+    bool pending;
+    {
+        std::lock_guard<std::mutex> lock(jobLock_);
+        renaming_ = false;
+        pending = !jobs_.empty();
+    }
+    if (pending && fileSystem_ != nullptr) fileSystem_->QueueFile(shared_from_this());
 }
 
 int File::CountUploadings() {
@@ -154,7 +171,13 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
     __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload - %s", name.c_str());
     uploadCanceled_ = false;
     uploadState_ = 3;
-    const uint64_t generation = writeGeneration_.load();
+    // Taken while no writer is in the middle of a change, so that what the
+    // upload reads is at least as new as this generation.
+    uint64_t generation;
+    {
+        std::unique_lock<std::shared_mutex> content(contentLock_);
+        generation = writeGeneration_.load();
+    }
 
     _FS_FILE_V2 record(*Info());
     if (!record.key.empty()) {
@@ -214,9 +237,12 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
         __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Close and flush writable cache.");
         // What was sent is stored remotely, unless the file changed while it
         // was sent: then it stays marked, and its next close uploads again.
-        if (writeGeneration_.load() == generation) {
-            cacheObject->Commit();
-            modified_ = 0;
+        {
+            std::unique_lock<std::shared_mutex> content(contentLock_);
+            if (writeGeneration_.load() == generation) {
+                cacheObject->Commit();
+                modified_ = 0;
+            }
         }
         ReopenCache('r');
         uploadState_ = 5;
@@ -317,6 +343,8 @@ AERROR File::UploadCacheSave(std::shared_ptr<File>, const char* localPath) {
 AERROR File::UploadCacheRetry(std::shared_ptr<File> self) {
     auto job = std::make_shared<_ASYNCJOB>();
     job->kind = ASYNCJOB_UPLOAD;
+    job->handle = JobHandle(nullptr);
+    job->handle->context = GetContext();
     uploadState_ = 3;
     *this << job;
     if (fileSystem_ != nullptr) fileSystem_->QueueFile(self);

@@ -12,6 +12,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 
@@ -215,6 +216,11 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     void CancelAsyncJobs();
     // Waits until no job of the node runs.
     void WaitAsyncJobs();
+    // Brackets a change of the node's remote name or place: waits for a
+    // running upload (so the node has its remote identity) and holds back
+    // queued ones, which then run under the new name.
+    void BeginNamespaceChange();
+    void EndNamespaceChange();
     File& operator<<(std::shared_ptr<_ASYNCJOB> job);
 
     // Uploads the node's cached content once; RETRY_UPLOAD asks for another
@@ -233,6 +239,8 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Releasing `handle`: closes it, uploads new content (queued or at once)
     // when it was the last writer, and carries out a delete on close.
     AERROR Cleanup(_FS_HANDLE_EXT* handle, bool deleting, IExportService* exportService);
+    // The handle an upload job of `origin` works on behalf of.
+    static std::shared_ptr<_FS_HANDLE_EXT> JobHandle(const std::shared_ptr<_FS_HANDLE_EXT>& origin);
     // The node was deleted on the remote: nothing of it is uploaded any more.
     bool IsRemoved() const { return removed_.load(); }
     void UpdateLastWrite() { ++writeGeneration_; }
@@ -301,6 +309,7 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     std::mutex jobLock_;
     std::deque<std::shared_ptr<_ASYNCJOB>> jobs_;
     bool jobRunning_ = false;  // the front job runs; guarded by jobLock_
+    bool renaming_ = false;    // guarded by jobLock_
     std::condition_variable jobsDone_;
     // Set by CancelUploadings: the running upload's source fails at once.
     std::atomic<bool> uploadCanceled_{false};
@@ -308,6 +317,11 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Counts changes of the content, so that an upload knows whether what it
     // sent is still the latest.
     std::atomic<uint64_t> writeGeneration_{0};
+    // Writers of the content hold it shared while they change the cache and
+    // mark the node; an upload that succeeded holds it exclusive while it
+    // checks the generation, commits the cache and clears the mark, so that no
+    // change can slip between the check and the clearing.
+    std::shared_mutex contentLock_;
     FileHandles handles_;
     uint64_t serial_;
 };

@@ -39,7 +39,10 @@ AERROR File::CreateDirectory(const char* name) {
 }
 
 AERROR File::unlink(bool lock) {
-    CancelAsyncJobs();
+    // An upload must not bring the item back once it is deleted: stop it,
+    // and wait, so that an upload that ended in time is deleted too.
+    CancelUploadings();
+    WaitAsyncJobs();
     _FS_FILE_V2 record(*Info());
     record.key = RemoteKey();
     AERROR result = SUCCESS;
@@ -128,10 +131,12 @@ AERROR File::RenameInPlace(const std::string& newName, bool rekey, void** cookie
 
 AERROR File::RenameFile(std::shared_ptr<File>, const char* newName, bool notify) {
     if (newName == nullptr || !IsAcceptableName(newName)) return INVALID_NAME;
-    CancelAsyncJobs();
     const std::wstring oldPath = BuildPath('\\');
     void* cookie = nullptr;
+    // Pending uploads are kept: they run under the new name.
+    BeginNamespaceChange();
     const AERROR result = RenameInPlace(newName, true, &cookie);
+    EndNamespaceChange();
     if (result == SUCCESS && notify) {
         const std::wstring newPath = BuildPath('\\');
         Notify(IsFolder() ? NE_RENAMEFOLDER : NE_RENAMEITEM, oldPath, &newPath);
@@ -175,7 +180,12 @@ AERROR File::RenameFile(std::shared_ptr<File> source, const std::string& newName
 AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParent,
                       std::string newName) {
     if (!newParent || parent_ == nullptr) return FAILED;
-    CancelAsyncJobs();
+    // Pending uploads are kept: they run in the new place.
+    BeginNamespaceChange();
+    struct EndChange {
+        File* node;
+        ~EndChange() { node->EndNamespaceChange(); }
+    } endChange{this};
     const std::string finalName = newName.empty() ? Name() : newName;
     if (!IsAcceptableName(finalName)) return INVALID_NAME;
     // Like rename(2), a move replaces an item of the same name.
