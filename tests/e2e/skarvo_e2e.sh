@@ -1,0 +1,258 @@
+#!/usr/bin/env bash
+# End-to-end checks of `skarvo mount local:DIR MNT` with the ordinary tools.
+# Usage: skarvo_e2e.sh PATH_TO_SKARVO [CASE...]
+# Needs root and /dev/fuse; exits 77 (skipped) without them.
+set -u
+
+SKARVO=$(realpath "$1")
+shift
+ONLY=("$@")
+
+if [ "$(id -u)" -ne 0 ] || ! [ -c /dev/fuse ]; then
+  echo "skipped: the end-to-end checks need root and /dev/fuse"
+  exit 77
+fi
+for tool in git rsync sqlite3 tar sha256sum; do
+  command -v "$tool" >/dev/null || { echo "skipped: $tool is missing"; exit 77; }
+done
+
+WORK=$(mktemp -d /tmp/skarvo-e2e-XXXXXX)
+REMOTE=$WORK/remote
+MNT=$WORK/mnt
+CACHE=$WORK/cache
+PID=
+passed=0
+failed=0
+
+cleanup() {
+  [ -n "$PID" ] && kill -TERM "$PID" 2>/dev/null && sleep 1
+  grep -q " $MNT " /proc/mounts && umount -l "$MNT"
+  [ -n "${KEEP:-}" ] || rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+fail() { echo "FAIL: $*"; return 1; }
+
+# Mounts REMOTE at MNT with extra options; waits until the volume serves.
+up() {
+  mkdir -p "$REMOTE" "$MNT"
+  "$SKARVO" mount --cache-dir "$CACHE" --log-file "$WORK/skarvo.log" --log-level "${E2E_LOG_LEVEL:-info}" \
+    "$@" "local:$REMOTE" "$MNT" &
+  PID=$!
+  for _ in $(seq 1 100); do
+    grep -q " $MNT fuse.skfs " /proc/mounts && return 0
+    kill -0 "$PID" 2>/dev/null || { fail "skarvo exited at start"; return 1; }
+    sleep 0.1
+  done
+  fail "the volume did not come up"
+}
+
+# Stops skarvo as a user would (Ctrl-C) and checks it exits 0 once uploads end.
+down() {
+  kill -INT "$PID"
+  local status=0
+  wait "$PID" || status=$?
+  PID=
+  [ "$status" -eq 0 ] || fail "skarvo exited with $status"
+  ! grep -q " $MNT " /proc/mounts || fail "the volume is still mounted"
+}
+
+# What the remote folder must never hold.
+no_leftovers() {
+  local found
+  found=$(find "$REMOTE" \( -name '.ql_disable*' -o -name '.skarvo-upload-*' -o -name '*.skarvo-part' \) | head -5)
+  [ -z "$found" ] || fail "left in the remote: $found"
+}
+
+same_file() { [ "$(sha256sum < "$1")" = "$(sha256sum < "$2")" ] || fail "$1 and $2 differ"; }
+
+run_case() {
+  local name=$1
+  if [ "${#ONLY[@]}" -gt 0 ] && [[ ! " ${ONLY[*]} " =~ " $name " ]]; then return; fi
+  rm -rf "$REMOTE" "$CACHE"
+  mkdir -p "$REMOTE"
+  echo "== $name"
+  # A statement of its own: set -e is ignored in conditions and lists.
+  ( set -e; "case_$name" )
+  local status=$?
+  if [ "$status" -eq 0 ]; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+    [ -n "$PID" ] && kill -TERM "$PID" 2>/dev/null
+    grep -q " $MNT " /proc/mounts && umount -l "$MNT"
+    tail -20 "$WORK/skarvo.log" 2>/dev/null
+  fi
+  PID=
+}
+
+case_copies() {
+  head -c 0 /dev/urandom > "$WORK/empty.bin"
+  head -c 1 /dev/urandom > "$WORK/one.bin"
+  head -c $((1024 * 1024 + 1)) /dev/urandom > "$WORK/mib.bin"
+  head -c $((64 * 1024 * 1024)) /dev/urandom > "$WORK/big.bin"
+  up
+  cp "$WORK"/{empty,one,mib,big}.bin "$MNT/"
+  down
+  for f in empty one mib big; do same_file "$WORK/$f.bin" "$REMOTE/$f.bin"; done
+  # Read back through a fresh mount with an empty cache.
+  rm -rf "$CACHE"
+  up
+  for f in empty one mib big; do same_file "$WORK/$f.bin" "$MNT/$f.bin"; done
+  down
+  no_leftovers
+}
+
+case_edits() {
+  printf '0123456789' > "$REMOTE/middle.txt"
+  up
+  echo first > "$MNT/f.txt"
+  echo second >> "$MNT/f.txt"
+  truncate -s 3 "$MNT/f.txt"
+  truncate -s 5 "$MNT/f.txt"
+  printf XY | dd of="$MNT/middle.txt" bs=1 seek=4 conv=notrunc status=none
+  mkdir -p "$MNT/a/b/c"
+  echo deep > "$MNT/a/b/c/deep.txt"
+  echo moving > "$MNT/m.txt"
+  mv "$MNT/m.txt" "$MNT/m2.txt"
+  mv "$MNT/m2.txt" "$MNT/a/m3.txt"
+  mkdir "$MNT/folder" && echo in > "$MNT/folder/in.txt"
+  mv "$MNT/folder" "$MNT/a/b/folder"
+  echo case > "$MNT/case.txt"
+  mv "$MNT/case.txt" "$MNT/CASE.TXT"
+  echo gone > "$MNT/gone.txt" && rm "$MNT/gone.txt"
+  mkdir -p "$MNT/tree/x" && echo t > "$MNT/tree/x/t.txt" && rm -r "$MNT/tree"
+  mkdir "$MNT/empty" && rmdir "$MNT/empty"
+  mkdir "$MNT/full" && echo keep > "$MNT/full/keep.txt"
+  if rmdir "$MNT/full" 2>/dev/null; then fail "rmdir removed a folder holding a file"; fi
+  # Save by rename, as editors and rsync do.
+  echo "old" > "$MNT/doc.txt"
+  echo "new" > "$MNT/.doc.txt.tmp" && mv "$MNT/.doc.txt.tmp" "$MNT/doc.txt"
+  down
+  [ "$(cat "$REMOTE/f.txt" | od -An -c | tr -s ' ')" = "$(printf 'fir\0\0' | od -An -c | tr -s ' ')" ] \
+    || fail "f.txt holds $(od -An -c "$REMOTE/f.txt")"
+  [ "$(cat "$REMOTE/middle.txt")" = "0123XY6789" ] || fail "middle.txt"
+  [ "$(cat "$REMOTE/a/b/c/deep.txt")" = "deep" ] || fail "deep.txt"
+  [ "$(cat "$REMOTE/a/m3.txt")" = "moving" ] || fail "moved file"
+  [ "$(cat "$REMOTE/a/b/folder/in.txt")" = "in" ] || fail "moved folder"
+  [ -f "$REMOTE/CASE.TXT" ] && [ ! -e "$REMOTE/case.txt" ] || fail "case-only rename"
+  [ ! -e "$REMOTE/gone.txt" ] && [ ! -e "$REMOTE/tree" ] && [ ! -e "$REMOTE/empty" ] || fail "deletes"
+  [ "$(cat "$REMOTE/full/keep.txt")" = "keep" ] || fail "rmdir deleted a file"
+  [ "$(cat "$REMOTE/doc.txt")" = "new" ] || fail "save by rename"
+  [ "$(find "$REMOTE" -name 'doc*' -o -name '.doc*' | wc -l)" -eq 1 ] || fail "save by rename left files"
+  [ ! -e "$REMOTE/m.txt" ] && [ ! -e "$REMOTE/m2.txt" ] && [ ! -e "$REMOTE/folder" ] || fail "renames left files"
+  no_leftovers
+}
+
+case_git() {
+  local repo=$WORK/repo
+  rm -rf "$repo" && mkdir -p "$repo"
+  for d in $(seq 1 20); do
+    mkdir -p "$repo/dir$d"
+    for f in $(seq 1 15); do echo "line $d $f" > "$repo/dir$d/file$f.txt"; done
+  done
+  git -C "$repo" init -q && git -C "$repo" add -A &&
+    git -C "$repo" -c user.email=e2e@example.com -c user.name=e2e commit -qm initial
+  up
+  git clone -q "$repo" "$MNT/clone"
+  # Every folder of the volume shows two empty marker files that exist only
+  # there; git is told to ignore them, as the README advises.
+  echo '.ql_disable*' >> "$MNT/clone/.git/info/exclude"
+  [ -z "$(git -C "$MNT/clone" status --porcelain)" ] ||
+    fail "git status is not clean: $(git -C "$MNT/clone" status --porcelain | head -3)"
+  down
+  diff -r --exclude=.git "$repo" "$REMOTE/clone" || fail "the clone differs"
+  [ -z "$(git -C "$REMOTE/clone" status --porcelain)" ] || fail "git status on the remote"
+  no_leftovers
+}
+
+case_tar() {
+  local src=$WORK/src
+  rm -rf "$src" && mkdir -p "$src"
+  for d in $(seq 1 25); do
+    mkdir -p "$src/pkg$d/sub"
+    for f in $(seq 1 40); do
+      head -c $(( (d * 37 + f * 101) % 9000 )) /dev/urandom > "$src/pkg$d/sub/f$f.c"
+    done
+  done
+  tar -C "$WORK" -cf "$WORK/src.tar" src
+  up
+  tar -C "$MNT" -xf "$WORK/src.tar"
+  tar -C "$MNT" -cf "$WORK/back.tar" src
+  rm -rf "$WORK/back" && mkdir -p "$WORK/back" && tar -C "$WORK/back" -xf "$WORK/back.tar"
+  diff -r --exclude='.ql_disable*' "$src" "$WORK/back/src" || fail "tar c from the volume differs"
+  down
+  diff -r "$src" "$REMOTE/src" || fail "the remote differs"
+  no_leftovers
+}
+
+case_rsync() {
+  local src=$WORK/rsrc
+  rm -rf "$src" "$WORK/rback" && mkdir -p "$src/nested"
+  for f in $(seq 1 200); do head -c $((f * 50)) /dev/urandom > "$src/nested/r$f.dat"; done
+  up
+  rsync -a "$src/" "$MNT/rsync/"
+  rsync -a "$MNT/rsync/" "$WORK/rback/"
+  diff -r --exclude='.ql_disable*' "$src" "$WORK/rback" || fail "rsync out differs"
+  # A second run over the same tree changes nothing and loses nothing.
+  rsync -a "$src/" "$MNT/rsync/"
+  down
+  diff -r "$src" "$REMOTE/rsync" || fail "rsync in differs"
+  no_leftovers
+}
+
+case_sqlite() {
+  up
+  {
+    echo "CREATE TABLE t (id INTEGER PRIMARY KEY, name TEXT, value REAL);"
+    for batch in $(seq 0 9); do
+      echo "BEGIN;"
+      for i in $(seq 1 1000); do echo "INSERT INTO t (name, value) VALUES ('row$((batch * 1000 + i))', $i.5);"; done
+      echo "COMMIT;"
+    done
+  } | sqlite3 "$MNT/data.db"
+  down
+  up
+  [ "$(sqlite3 "$MNT/data.db" 'SELECT count(*), sum(value) FROM t;')" = "10000|5010000.0" ] \
+    || fail "the database read back: $(sqlite3 "$MNT/data.db" 'SELECT count(*), sum(value) FROM t;' 2>&1)"
+  [ "$(sqlite3 "$MNT/data.db" 'PRAGMA integrity_check;')" = "ok" ] || fail "integrity"
+  down
+  no_leftovers
+}
+
+case_cache_limit() {
+  for f in $(seq 1 6); do head -c $((8 * 1024 * 1024)) /dev/urandom > "$REMOTE/r$f.bin"; done
+  up --cache-max-size 16M
+  for f in $(seq 1 6); do cat "$MNT/r$f.bin" > /dev/null; done
+  local used
+  used=$(du -sk "$CACHE" | cut -f1)
+  # The limit, and room for the cache's own records.
+  [ "$used" -le $((16 * 1024 + 1024)) ] || fail "the cache holds ${used} KiB over a 16 MiB limit"
+  # Written data not uploaded yet is never evicted, even past the limit.
+  head -c $((24 * 1024 * 1024)) /dev/urandom > "$WORK/unsent.bin"
+  cp "$WORK/unsent.bin" "$MNT/unsent.bin"
+  for f in $(seq 1 6); do cat "$MNT/r$f.bin" > /dev/null; done
+  down
+  same_file "$WORK/unsent.bin" "$REMOTE/unsent.bin"
+}
+
+case_remote_changes() {
+  echo before > "$REMOTE/old.txt"
+  echo '{"fs": {"changes": "1000"}}' > "$WORK/config.json"
+  up --config "$WORK/config.json"
+  ls "$MNT" > /dev/null
+  echo added > "$REMOTE/new.txt"
+  rm "$REMOTE/old.txt"
+  mkdir "$REMOTE/dir" && echo x > "$REMOTE/dir/x.txt" && mv "$REMOTE/dir/x.txt" "$REMOTE/dir/y.txt"
+  sleep 2.2
+  [ "$(cat "$MNT/new.txt" 2>/dev/null)" = "added" ] || fail "a new file does not show"
+  [ ! -e "$MNT/old.txt" ] || fail "a deleted file still shows"
+  [ -e "$MNT/dir/y.txt" ] && [ ! -e "$MNT/dir/x.txt" ] || fail "a rename does not show"
+  down
+}
+
+for name in copies edits git tar rsync sqlite cache_limit remote_changes; do
+  run_case "$name"
+done
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
