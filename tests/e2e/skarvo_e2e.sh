@@ -73,7 +73,9 @@ run_case() {
   mkdir -p "$REMOTE"
   echo "== $name"
   # A statement of its own: set -e is ignored in conditions and lists.
-  ( set -e; "case_$name" )
+  ( set -eE
+    trap 'echo "FAIL: line $LINENO: $BASH_COMMAND"' ERR
+    "case_$name" )
   local status=$?
   if [ "$status" -eq 0 ]; then
     passed=$((passed + 1))
