@@ -398,17 +398,7 @@ AERROR File::SetEndOfFile(_FS_HANDLE_EXT* handle, long long size) {
         // A cache that refuses the size leaves the file as it was.
         if (cacheObject->SetSize(size) != SUCCESS) return SUCCESS;
     }
-    {
-        std::lock_guard<std::mutex> lock(dataMutex_);
-        auto next = std::make_shared<_FS_FILE_EXT>(*Info());
-        next->size = size;
-        fetchableSize_ = size;
-        PublishInfo(next);
-    }
-    const bool noModifyMark =
-        fileSystem_ != nullptr &&
-        (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_NO_MODIFY_MARK) != 0;
-    if (!noModifyMark) SetModified();
+    Resize(size, false);
     content.unlock();
     Notify(NE_UPDATEITEM, BuildPath('\\'));
     return SUCCESS;
@@ -425,19 +415,23 @@ AERROR File::ftruncate(const std::string&, long long size) {
         cacheObject->Reopen('w', size, this);
         if (cacheObject->SetSize(size) != SUCCESS) return SUCCESS;
     }
+    // An empty file is never fetched: it keeps no remote identity. The
+    // remote key stays, so that the upload overwrites the same item.
+    Resize(size, size == 0);
+    return SUCCESS;
+}
+
+void File::Resize(long long size, bool forgetRemoteContent) {
     {
         std::lock_guard<std::mutex> lock(dataMutex_);
         auto next = std::make_shared<_FS_FILE_EXT>(*Info());
         next->size = size;
         fetchableSize_ = size;
-        // An empty file is never fetched: it keeps no remote identity. The
-        // remote key stays, so that the upload overwrites the same item.
-        if (size == 0) next->key.clear();
+        if (forgetRemoteContent) next->key.clear();
         PublishInfo(next);
     }
     const bool noModifyMark =
         fileSystem_ != nullptr &&
         (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_NO_MODIFY_MARK) != 0;
     if (!noModifyMark) SetModified();
-    return SUCCESS;
 }

@@ -30,14 +30,8 @@ int FileSystem::GetAttr(const char* path, struct stat* st, std::string process) 
 
 int FileSystem::GetAttrByHandle(unsigned long long handle, struct stat* st, std::string process) {
     LOG_REQUEST("%s : %llu", "GetAttrByHandle", handle);
-    auto record = GetHandle(handle);
-    if (!record) {
-        __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] [%s:%s] handle not found : %llu",
-                 letter_.c_str(), process.c_str(), handle);
-        return ConvertAERROR(INVALID_HANDLE);
-    }
-    __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] [%s:%s] handle found : %s", letter_.c_str(),
-             process.c_str(), record->path.c_str());
+    auto record = FindHandle(handle, process);
+    if (!record) return ConvertAERROR(INVALID_HANDLE);
     AERROR result = SUCCESS;
     if (record->file) result = static_cast<AERROR>(record->file->getattr(st));
     return Outcome("GetAttrByHandle", result, process, record->path.c_str());

@@ -158,6 +158,9 @@ class FileSystem final : public IFileSystemImpl,
                                       std::shared_ptr<File> file, const std::string& process,
                                       const std::string& path);
     void UnregisterHandle(unsigned long long id, const std::string& process);
+    // The record of handle number `handle`, logging whether it was found.
+    std::shared_ptr<_FS_HANDLE_EXT> FindHandle(unsigned long long handle,
+                                               const std::string& process);
 
     int WorkerCount() const { return workerCount_; }
     void JobStarted() override;

@@ -19,6 +19,18 @@ int FileSystem::Outcome(const char* operation, AERROR result, const std::string&
     return ConvertAERROR(result);
 }
 
+std::shared_ptr<_FS_HANDLE_EXT> FileSystem::FindHandle(unsigned long long handle,
+                                                       const std::string& process) {
+    auto record = GetHandle(handle);
+    if (!record) {
+        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found : %llu",
+                 letter_.c_str(), process.c_str(), handle);
+        return nullptr;
+    }
+    LOG_REQUEST("handle found : %s", record->path.c_str());
+    return record;
+}
+
 AERROR FileSystem::CreateNewFile(std::shared_ptr<File> parent, std::string name,
                                  unsigned long attributes, IExportService* service,
                                  std::string process, std::shared_ptr<File>& out) {
@@ -160,13 +172,8 @@ int FileSystem::Release(unsigned long long& handle, IExportService* service, std
 int FileSystem::Read(unsigned long long handle, char* buffer, unsigned long size, long long offset,
                      IExportService* service, std::string process) {
     LOG_REQUEST("%s : %llu, %lld, %d", "Read", handle, offset, static_cast<int>(size));
-    auto record = GetHandle(handle);
-    if (!record) {
-        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found : %llu",
-                 letter_.c_str(), process.c_str(), handle);
-        return -EIO;
-    }
-    LOG_REQUEST("handle found : %s", record->path.c_str());
+    auto record = FindHandle(handle, process);
+    if (!record) return -EIO;
     unsigned long count = 0;
     AERROR result = SUCCESS;
     if (record->file) {
@@ -180,13 +187,8 @@ int FileSystem::Write(unsigned long long handle, const char* buffer, unsigned lo
                       long long offset, IExportService* service, std::string process) {
     __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] [%s] %s : %llu, %lld, %d", letter_.c_str(),
              "Write", handle, offset, static_cast<int>(size));
-    auto record = GetHandle(handle);
-    if (!record) {
-        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found : %llu",
-                 letter_.c_str(), process.c_str(), handle);
-        return -EIO;
-    }
-    LOG_REQUEST("handle found : %s", record->path.c_str());
+    auto record = FindHandle(handle, process);
+    if (!record) return -EIO;
     unsigned long count = 0;
     AERROR result = SUCCESS;
     if (record->file) {
@@ -198,13 +200,8 @@ int FileSystem::Write(unsigned long long handle, const char* buffer, unsigned lo
 
 int FileSystem::Ftruncate(unsigned long long handle, long long size, std::string process) {
     LOG_REQUEST("%s : %llu, %lld", "Ftruncate", handle, size);
-    auto record = GetHandle(handle);
-    if (!record) {
-        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] [%s:%s] handle not found : %llu",
-                 letter_.c_str(), process.c_str(), handle);
-        return ConvertAERROR(INVALID_HANDLE);
-    }
-    LOG_REQUEST("handle found : %s", record->path.c_str());
+    auto record = FindHandle(handle, process);
+    if (!record) return ConvertAERROR(INVALID_HANDLE);
     AERROR result = SUCCESS;
     if (record->file) result = record->file->ftruncate(std::string(process), size);
     return Outcome("Ftruncate", result, process, record->path.c_str());

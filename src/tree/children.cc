@@ -5,13 +5,7 @@
 #include "tree/file.h"
 
 std::shared_ptr<File> File::AddChild(const _FS_FILE_V2* record, bool lock) {
-    if (record == nullptr) return nullptr;
-    if (!IsAcceptableName(record->name)) {
-        __LOG__A(CurrentLogger(), LL_WARNING, "[FILESYSTEM] No filename in data - %s/%d/%lld",
-                 record->key.c_str(), static_cast<int>(record->attributes),
-                 static_cast<long long>(record->size));
-        return nullptr;
-    }
+    if (record == nullptr || !AcceptRecord(*record)) return nullptr;
     const std::string folded = FoldName(record->name);
     std::unique_lock<std::recursive_mutex> guard(childLock_, std::defer_lock);
     if (lock) guard.lock();

@@ -247,6 +247,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
 
   private:
     AERROR RunListing(std::shared_ptr<File> self, bool background);
+    // Sets the record's size (and the fetchable size) after a truncation,
+    // and marks the node; the caller holds contentLock_ shared.
+    void Resize(long long size, bool forgetRemoteContent);
     AERROR WriteStreaming(const std::shared_ptr<_FS_HANDLE_EXT>& record, _WRITEDATA& request,
                           unsigned long* written, IExportService* exportService);
     void AddMarkerFiles();

@@ -9,13 +9,7 @@ FindFiles::FindFiles(std::shared_ptr<File> folder) : folder_(std::move(folder)) 
 }
 
 AERROR FindFiles::AddFile(const _FS_FILE_V2* record) {
-    if (record == nullptr) return SUCCESS;
-    if (!IsAcceptableName(record->name)) {
-        __LOG__A(CurrentLogger(), LL_WARNING, "[FILESYSTEM] No filename in data - %s/%d/%lld",
-                 record->key.c_str(), static_cast<int>(record->attributes),
-                 static_cast<long long>(record->size));
-        return SUCCESS;
-    }
+    if (record == nullptr || !AcceptRecord(*record)) return SUCCESS;
     const std::string folded = FoldName(record->name);
     auto known = unseen_.find(folded);
     if (known != unseen_.end()) {
