@@ -349,7 +349,10 @@ TEST_F(BrowseTest, StatFsSumsQuotasAndCachesThem) {
 TEST_F(BrowseTest, OperationsWithFixedAnswers) {
     protocol_->AddFile("/f.txt", "f");
     ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-    EXPECT_EQ(fs_->ChangeOwner("/f.txt", 0, 0, "test"), -EIO);
+    EXPECT_EQ(fs_->ChangeOwner("/f.txt", getuid() + 1, getgid(), "test"), -EIO);
+    EXPECT_EQ(fs_->ChangeOwner("/f.txt", getuid(), getgid(), "tar"), 0);  // nothing to change
+    EXPECT_EQ(fs_->ChangeOwner("/f.txt", static_cast<unsigned>(-1), getgid(), "tar"), 0);
+    EXPECT_EQ(fs_->ChangeOwner("/missing", getuid(), getgid(), "tar"), -ENOENT);
     EXPECT_EQ(fs_->MakeNode("/n", 0644, 0, "test"), -EIO);
     EXPECT_EQ(fs_->Flush("/whatever", "test"), 0);
     EXPECT_EQ(fs_->Access("/f.txt", R_OK, "test"), 0);

@@ -20,7 +20,10 @@ void FillRecord(const std::string& key, const std::string& name, const struct st
     record->name = name;
     record->attributes = folder ? FILE_ATTRIBUTE_FOLDER : FILE_ATTRIBUTE_FILE;
     record->size = folder ? 0 : static_cast<int64_t>(st.st_size);
-    record->createTime = FormatRecordTime(st.st_ctim);
+    // Linux keeps no creation time in stat; the status change time is no
+    // substitute, as every rename, chmod or upload moves it and tools that
+    // compare times before and after reading (tar) would see the file change.
+    record->createTime = FormatRecordTime(st.st_mtim);
     record->accessTime = FormatRecordTime(st.st_atim);
     record->modifyTime = FormatRecordTime(st.st_mtim);
 }

@@ -18,7 +18,7 @@ std::string FormatRecordTime(const struct timespec& time);
 
 // Sets the record's key, name, attributes (FILE_ATTRIBUTE_FILE or
 // FILE_ATTRIBUTE_FOLDER), size (0 for a folder) and its three times from
-// `st`: createTime from the status change time, accessTime, modifyTime. The
+// `st`: createTime from the modification time, accessTime, modifyTime. The
 // record's other fields are left as they are.
 void FillRecord(const std::string& key, const std::string& name, const struct stat& st,
                 _FS_FILE_V2* record);

@@ -1,6 +1,7 @@
 // Attributes and directory listings of the volume.
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "fs/filesystem.h"
 #include "fs/log_macros.h"
@@ -85,8 +86,18 @@ int FileSystem::ChangeMode(const char* path, unsigned short mode, IExportService
     return Outcome("ChangeMode", result, process, path);
 }
 
-int FileSystem::ChangeOwner(const char*, unsigned int, unsigned int, std::string) {
-    return ConvertAERROR(NOT_SUPPORTED);
+int FileSystem::ChangeOwner(const char* path, unsigned int uid, unsigned int gid,
+                            std::string process) {
+    // The volume stores no owners: every item shows the mounting user's.
+    // Asking for that owner changes nothing and succeeds, as it would on any
+    // disk (tar and cp -a running as that user do it for every file); any
+    // other owner cannot be kept.
+    const bool sameUser = uid == static_cast<unsigned int>(-1) || uid == getuid();
+    const bool sameGroup = gid == static_cast<unsigned int>(-1) || gid == getgid();
+    if (!sameUser || !sameGroup) return ConvertAERROR(NOT_SUPPORTED);
+    const std::string exact = ToExactPath(path, false);
+    std::shared_ptr<File> node;
+    return Outcome("ChangeOwner", GetFile(exact.c_str(), node), process, path);
 }
 
 int FileSystem::UtimeNs(const char* path, const struct timespec times[2], unsigned long long handle,
