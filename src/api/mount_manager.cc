@@ -202,20 +202,19 @@ void MountManager::UnmountFinalize(const char* mountPoint) {
 }
 
 void MountManager::Finalize(std::string mountPoint) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::shared_ptr<MountData> data;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::shared_ptr<MountData> data;
-        {
-            std::lock_guard<std::mutex> table(tableMutex_);
-            auto it = mounts_.find(mountPoint);
-            if (it != mounts_.end()) data = it->second;
-        }
-        // The entry leaves the table only once its teardown is complete, so
-        // that a host seeing no file system at the point knows it is gone.
-        if (data) data->Close();
         std::lock_guard<std::mutex> table(tableMutex_);
-        mounts_.erase(mountPoint);
+        auto it = mounts_.find(mountPoint);
+        if (it != mounts_.end()) data = it->second;
     }
+    if (data) data->Close();
     rmdir(mountPoint.c_str());
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s unmounted", mountPoint.c_str());
+    // The entry leaves the table last: a host that sees no file system at
+    // the point may unbind and destroy its services at once, so nothing here
+    // touches them afterwards.
+    std::lock_guard<std::mutex> table(tableMutex_);
+    mounts_.erase(mountPoint);
 }

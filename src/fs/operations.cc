@@ -282,8 +282,9 @@ int FileSystem::Rename(const char* from, const char* to, std::string process) {
     }
     if (result == SUCCESS) {
         if (sourceDir != destinationDir) {
-            std::lock_guard<std::recursive_mutex> sourceLock(*sourceDir->GetChildLock());
-            std::lock_guard<std::recursive_mutex> destinationLock(*destinationDir->GetChildLock());
+            // Both folders' locks, taken together: in a fixed order, two
+            // opposite moves between the same folders could deadlock.
+            std::scoped_lock folders(*sourceDir->GetChildLock(), *destinationDir->GetChildLock());
             result = source->MoveFile(source, destinationDir, newName);
         } else {
             result =

@@ -7,16 +7,16 @@
 std::shared_ptr<File> File::AddChild(const _FS_FILE_V2* record, bool lock) {
     if (record == nullptr || !AcceptRecord(*record)) return nullptr;
     const std::string folded = FoldName(record->name);
+    if (auto existing = GetFileWithNoFetch(record->name.c_str())) return existing;
+    // Built before the child lock is taken: a new folder takes its own child
+    // lock for its marker files, and a parent's lock must never be held while
+    // a child's is taken.
+    auto child = std::make_shared<File>(protocol_, fileSystem_, config_, record, this, notifier_);
+    child->SetParent(this);
     std::unique_lock<std::recursive_mutex> guard(childLock_, std::defer_lock);
     if (lock) guard.lock();
-    auto it = children_.find(folded);
-    if (it == children_.end()) {
-        auto child =
-            std::make_shared<File>(protocol_, fileSystem_, config_, record, this, notifier_);
-        child->SetParent(this);
-        it = children_.emplace(folded, std::move(child)).first;
-        childCount_ = children_.size();
-    }
+    auto it = children_.emplace(folded, std::move(child)).first;
+    childCount_ = children_.size();
     return it->second;
 }
 
