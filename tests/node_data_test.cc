@@ -213,6 +213,12 @@ class StreamingTest : public NodeDataTest {
         return writers;
     }
 
+    void TearDown() override {
+        // The pipe holds the handle, which holds the node, which holds the pipe.
+        if (node_) node_->SetStreamingPipe(nullptr);
+        NodeDataTest::TearDown();
+    }
+
     std::shared_ptr<File> node_;
     std::shared_ptr<_FS_HANDLE_EXT> handle_;
     std::shared_ptr<RecordingPipe> pipe_;

@@ -25,6 +25,7 @@ AERROR File::Removed(const char* key, const char* name) {
     if (auto removed = folder->RemoveChild(name, true)) {
         const std::string removedKey = removed->Key();
         if (!removedKey.empty()) RemoveHash(removedKey);
+        removed->Detach();
     }
     return SUCCESS;
 }

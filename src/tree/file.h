@@ -162,6 +162,8 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // and are empty (its marker files).
     bool HasEntries();
     void ClearChildrens();
+    // The node left the tree for good: a folder lets go of its children.
+    void Detach();
     size_t ChildCount();
     // ".", "..", then one entry per child, named as the server spells it.
     AERROR readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out);

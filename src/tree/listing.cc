@@ -99,7 +99,8 @@ void File::MergeListing(const Children& added, const Children& unseen) {
         // Nodes that were never stored remotely (no key) are local only, like
         // the marker files: a listing cannot know them.
         for (const auto& [folded, node] : unseen) {
-            if (!node->Key().empty()) RemoveChild(node->Name().c_str(), false);
+            if (node->Key().empty()) continue;
+            if (auto removed = RemoveChild(node->Name().c_str(), false)) removed->Detach();
         }
         if (fileState_.load() == FILE_STATE_LISTED) {
             for (const auto& node : inserted) {

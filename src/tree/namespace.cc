@@ -59,8 +59,9 @@ AERROR File::unlink(bool lock) {
         Release(protocol_.get(), cookie);
         return result;
     }
-    if (parent_ != nullptr) Parent()->RemoveChild(record.name.c_str(), lock);
+    if (Parent() != nullptr) Parent()->RemoveChild(record.name.c_str(), lock);
     if (!record.key.empty()) GetRootFile()->RemoveHash(record.key);
+    Detach();
     // The item is gone: so is whatever the cache held of it, written data
     // that was never uploaded included.
     if (!IsFolder()) {
@@ -79,19 +80,30 @@ AERROR File::DeleteFile(_FS_HANDLE_EXT*, bool deleting) {
 }
 
 void File::ForgetChildren() {
-    std::lock_guard<std::recursive_mutex> lock(childLock_);
-    std::vector<std::shared_ptr<File>> markers;
-    for (auto& [folded, child] : children_) {
-        if (child->Key().empty()) markers.push_back(child);
+    std::vector<std::shared_ptr<File>> dropped;
+    {
+        std::lock_guard<std::recursive_mutex> lock(childLock_);
+        std::vector<std::shared_ptr<File>> markers;
+        for (auto& [folded, child] : children_) {
+            (child->Key().empty() ? markers : dropped).push_back(child);
+        }
+        children_.clear();
+        // Items never stored remotely (the marker files among them) are not
+        // in the next listing; they stay.
+        for (auto& marker : markers)
+            children_[FoldName(marker->Name())] = marker;
+        childCount_ = children_.size();
+        uint32_t listed = FILE_STATE_LISTED;
+        fileState_.compare_exchange_strong(listed, FILE_STATE_NEW);
     }
-    children_.clear();
-    // Items never stored remotely (the marker files among them) are not in
-    // the next listing; they stay.
-    for (auto& marker : markers)
-        children_[FoldName(marker->Name())] = marker;
-    childCount_ = children_.size();
-    uint32_t listed = FILE_STATE_LISTED;
-    fileState_.compare_exchange_strong(listed, FILE_STATE_NEW);
+    for (auto& node : dropped)
+        node->Detach();
+}
+
+void File::Detach() {
+    // Children hold their parent, so a folder that left the tree for good
+    // lets go of its children, or the two would keep each other alive.
+    if (IsFolder()) ClearChildrens();
 }
 
 AERROR File::RenameInPlace(const std::string& newName, bool rekey, void** cookie) {
