@@ -190,6 +190,19 @@ TEST_F(VolumeKernelTest, CloseWaitsForTheUploadOnlyWhenAsynchronousUploadIsOff) 
     protocol_->SetDelay(std::chrono::milliseconds(0));
 }
 
+TEST_F(VolumeKernelTest, AFileDeletedWhileOpenIsNeverUploadedAgain) {
+    Up();
+    const int fd = open(At("/scratch.tmp").c_str(), O_RDWR | O_CREAT, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, "temporary", 9), 9);
+    ASSERT_EQ(unlink(At("/scratch.tmp").c_str()), 0);
+    ASSERT_EQ(pwrite(fd, "still open", 10, 0), 10);
+    close(fd);
+    ASSERT_TRUE(WriteFile(At("/marker.txt"), "after"));
+    ASSERT_TRUE(RemoteBecomes("/marker.txt", "after"));
+    EXPECT_FALSE(protocol_->Exists("/scratch.tmp"));
+}
+
 TEST_F(VolumeKernelTest, OfTwoWritersOnlyTheLastClosesAnUpload) {
     Up();
     const int first = open(At("/shared.txt").c_str(), O_WRONLY | O_CREAT, 0644);

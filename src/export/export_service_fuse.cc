@@ -200,6 +200,11 @@ void ExportServiceFUSE::FillOperations(fuse_operations* operations) {
     operations->utimens = FUSE_utimens;
     // access, setxattr and init are deliberately left out: FUSE answers them
     // itself.
+    //
+    // Reads, writes and releases work by handle, so a file unlinked while
+    // open keeps working (libfuse then gives no path); operations by path
+    // answer ENOENT for it.
+    operations->flag_nullpath_ok = 1;
 }
 
 int ExportServiceFUSE::GetDriverState() {
@@ -347,9 +352,10 @@ std::string ExportServiceFUSE::GetProcessName(pid_t pid) {
 }
 
 template <typename Body>
-int ExportServiceFUSE::Call(const char* callback, Body&& body) {
+int ExportServiceFUSE::Call(const char* callback, const char* path, Body&& body) {
     IFileSystemImpl* fs = GetFileSystem();
     if (fs == nullptr) return -EIO;
+    if (path == nullptr) return -ENOENT;
     try {
         return body(fs, GetProcessName());
     } catch (const std::exception& e) {
@@ -362,56 +368,56 @@ int ExportServiceFUSE::Call(const char* callback, Body&& body) {
 }
 
 int ExportServiceFUSE::getattr(const char* path, struct stat* st) {
-    return Call("FUSE_getattr", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_getattr", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->GetAttr(path, st, std::move(process));
     });
 }
 
 int ExportServiceFUSE::mknod(const char* path, mode_t mode, dev_t dev) {
-    return Call("FUSE_mknod", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_mknod", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->MakeNode(path, static_cast<unsigned short>(mode), static_cast<int>(dev),
                             std::move(process));
     });
 }
 
 int ExportServiceFUSE::mkdir(const char* path, mode_t mode) {
-    return Call("FUSE_mkdir", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_mkdir", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->MakeDir(path, static_cast<unsigned short>(mode), std::move(process));
     });
 }
 
 int ExportServiceFUSE::unlink(const char* path) {
-    return Call("FUSE_unlink", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_unlink", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->Unlink(path, std::move(process));
     });
 }
 
 int ExportServiceFUSE::rmdir(const char* path) {
-    return Call("FUSE_rmdir", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_rmdir", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->RemoveDir(path, std::move(process));
     });
 }
 
 int ExportServiceFUSE::rename(const char* from, const char* to) {
-    return Call("FUSE_rename", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_rename", from, [&](IFileSystemImpl* fs, std::string process) {
         return fs->Rename(from, to, std::move(process));
     });
 }
 
 int ExportServiceFUSE::chmod(const char* path, mode_t mode) {
-    return Call("FUSE_chmod", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_chmod", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->ChangeMode(path, static_cast<unsigned short>(mode), this, std::move(process));
     });
 }
 
 int ExportServiceFUSE::chown(const char* path, uid_t uid, gid_t gid) {
-    return Call("FUSE_chown", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_chown", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->ChangeOwner(path, uid, gid, std::move(process));
     });
 }
 
 int ExportServiceFUSE::open(const char* path, fuse_file_info* fi) {
-    return Call("FUSE_open", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_open", path, [&](IFileSystemImpl* fs, std::string process) {
         unsigned long long handle = 0;
         const int result = fs->Open(path, fi->flags, handle, std::move(process));
         fi->fh = handle;
@@ -421,32 +427,32 @@ int ExportServiceFUSE::open(const char* path, fuse_file_info* fi) {
 
 int ExportServiceFUSE::read(const char*, char* buffer, size_t size, off_t offset,
                             fuse_file_info* fi) {
-    return Call("FUSE_read", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_read", "", [&](IFileSystemImpl* fs, std::string process) {
         return fs->Read(fi->fh, buffer, size, offset, this, std::move(process));
     });
 }
 
 int ExportServiceFUSE::write(const char*, const char* buffer, size_t size, off_t offset,
                              fuse_file_info* fi) {
-    return Call("FUSE_write", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_write", "", [&](IFileSystemImpl* fs, std::string process) {
         return fs->Write(fi->fh, buffer, size, offset, this, std::move(process));
     });
 }
 
 int ExportServiceFUSE::statfs(const char* path, struct statvfs* sv) {
-    return Call("FUSE_statfs", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_statfs", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->StatFs(path, sv, std::move(process));
     });
 }
 
 int ExportServiceFUSE::flush(const char* path, fuse_file_info*) {
-    return Call("FUSE_flush", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_flush", "", [&](IFileSystemImpl* fs, std::string process) {
         return fs->Flush(path, std::move(process));
     });
 }
 
 int ExportServiceFUSE::release(const char*, fuse_file_info* fi) {
-    return Call("FUSE_release", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_release", "", [&](IFileSystemImpl* fs, std::string process) {
         unsigned long long handle = fi->fh;
         const int result = fs->Release(handle, this, std::move(process));
         fi->fh = handle;
@@ -455,14 +461,14 @@ int ExportServiceFUSE::release(const char*, fuse_file_info* fi) {
 }
 
 int ExportServiceFUSE::opendir(const char* path, fuse_file_info*) {
-    return Call("FUSE_opendir", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_opendir", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->OpenDir(path, std::move(process));
     });
 }
 
 int ExportServiceFUSE::readdir(const char* path, void* buffer, fuse_fill_dir_t filler, off_t,
                                fuse_file_info*) {
-    return Call("FUSE_readdir", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_readdir", path, [&](IFileSystemImpl* fs, std::string process) {
         std::list<FS_DIR_ENTRY> entries;
         const int result = fs->ReadDir(path, entries, std::move(process));
         for (const auto& entry : entries)
@@ -472,7 +478,7 @@ int ExportServiceFUSE::readdir(const char* path, void* buffer, fuse_fill_dir_t f
 }
 
 int ExportServiceFUSE::releasedir(const char* path, fuse_file_info*) {
-    return Call("FUSE_releasedir", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_releasedir", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->ReleaseDir(path, std::move(process));
     });
 }
@@ -485,7 +491,7 @@ void ExportServiceFUSE::destroy() {
 }
 
 int ExportServiceFUSE::create(const char* path, mode_t mode, fuse_file_info* fi) {
-    return Call("FUSE_create", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_create", path, [&](IFileSystemImpl* fs, std::string process) {
         unsigned long long handle = 0;
         const int result = fs->Create(path, static_cast<unsigned short>(mode), fi->flags, handle,
                                       this, std::move(process));
@@ -495,25 +501,25 @@ int ExportServiceFUSE::create(const char* path, mode_t mode, fuse_file_info* fi)
 }
 
 int ExportServiceFUSE::ftruncate(const char*, off_t size, fuse_file_info* fi) {
-    return Call("FUSE_ftruncate", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_ftruncate", "", [&](IFileSystemImpl* fs, std::string process) {
         return fs->Ftruncate(fi->fh, size, std::move(process));
     });
 }
 
 int ExportServiceFUSE::truncate(const char* path, off_t size) {
-    return Call("FUSE_truncate", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_truncate", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->Truncate(path, size, this, std::move(process));
     });
 }
 
 int ExportServiceFUSE::utimens(const char* path, const struct timespec tv[2]) {
-    return Call("FUSE_utimens", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_utimens", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->UtimeNs(path, tv, 0, std::move(process));
     });
 }
 
 int ExportServiceFUSE::access(const char* path, int mask) {
-    return Call("FUSE_access", [&](IFileSystemImpl* fs, std::string process) {
+    return Call("FUSE_access", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->Access(path, mask, std::move(process));
     });
 }

@@ -71,9 +71,10 @@ class ExportServiceFUSE : public ExportService {
 
   private:
     // Calls `body` with the file system and the requesting process's name,
-    // turning every escaping exception into a logged -EIO.
+    // turning every escaping exception into a logged -EIO. A null `path` (a
+    // file unlinked while open) answers -ENOENT.
     template <typename Body>
-    int Call(const char* callback, Body&& body);
+    int Call(const char* callback, const char* path, Body&& body);
 
     char* fusePoint_ = nullptr;
     fuse_chan* channel_ = nullptr;

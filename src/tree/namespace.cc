@@ -59,6 +59,9 @@ AERROR File::unlink(bool lock) {
         Release(protocol_.get(), cookie);
         return result;
     }
+    // Still open, the file is written and closed as usual, but never
+    // uploaded again: that would bring it back.
+    removed_ = true;
     if (Parent() != nullptr) Parent()->RemoveChild(record.name.c_str(), lock);
     if (!record.key.empty()) GetRootFile()->RemoveHash(record.key);
     Detach();
