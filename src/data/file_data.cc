@@ -287,14 +287,7 @@ AERROR File::WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long
         // Kept locally only: never streamed.
         auto cacheObject = CacheObject();
         if (!cacheObject) return fail(FILE_WRITE_FAILED);
-        std::shared_lock<std::shared_mutex> content(contentLock_);
-        UpdateLastWrite();
-        cacheObject->Reopen('w', request.fileSize, this);
-        const AERROR result = cacheObject->Write(&request);
-        if (result != SUCCESS) return result;
-        if (written != nullptr) *written = static_cast<unsigned long>(request.written);
-        SetModified();
-        return SUCCESS;
+        return WriteToCache(cacheObject, request, written);
     }
 
     auto filter = fileSystem_ != nullptr ? fileSystem_->GetFSFilter() : nullptr;
@@ -328,6 +321,11 @@ AERROR File::WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long
         }
         return fail(FILE_WRITE_FAILED);
     }
+    return WriteToCache(cacheObject, request, written);
+}
+
+AERROR File::WriteToCache(const std::shared_ptr<ICacheObj>& cacheObject, _WRITEDATA& request,
+                          unsigned long* written) {
     std::shared_lock<std::shared_mutex> content(contentLock_);
     UpdateLastWrite();
     cacheObject->Reopen('w', request.fileSize, this);

@@ -252,6 +252,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Sets the record's size (and the fetchable size) after a truncation,
     // and marks the node; the caller holds contentLock_ shared.
     void Resize(long long size, bool forgetRemoteContent);
+    // Writes the request into the cache object and marks the node.
+    AERROR WriteToCache(const std::shared_ptr<ICacheObj>& cacheObject, _WRITEDATA& request,
+                        unsigned long* written);
     AERROR WriteStreaming(const std::shared_ptr<_FS_HANDLE_EXT>& record, _WRITEDATA& request,
                           unsigned long* written, IExportService* exportService);
     void AddMarkerFiles();
