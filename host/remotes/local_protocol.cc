@@ -167,17 +167,33 @@ AERROR LocalProtocol::Download(const char* key, long long offset, long long size
     return ReportStatus(DoDownload(key, offset, size, handle, callback), cookie);
 }
 
+LocalStatus LocalProtocol::OpenItem(const std::string& key, UniqueFd* parent, std::string* name,
+                                    struct stat* st) const {
+    LocalStatus status = paths_->OpenParent(key, parent, name);
+    if (!status.ok()) return status;
+    return LocalPaths::StatItem(parent->Get(), *name, key, st);
+}
+
+LocalStatus LocalProtocol::OpenItemOfKind(const std::string& key, bool folder, UniqueFd* parent,
+                                          std::string* name, struct stat* st) const {
+    LocalStatus status = OpenItem(key, parent, name, st);
+    if (!status.ok()) return status;
+    if (S_ISDIR(st->st_mode) != folder) {
+        return LocalStatus::Error(INVALID_PARAMETER,
+                                  key + (folder ? " is not a folder" : " is a folder"));
+    }
+    return LocalStatus::Ok();
+}
+
 LocalStatus LocalProtocol::DoDownload(const std::string& key, long long offset, long long size,
                                       const std::shared_ptr<_FS_HANDLE>& handle,
                                       IFetchCallback* callback) {
     UniqueFd parent;
     std::string name;
-    LocalStatus status = paths_->OpenParent(key, &parent, &name);
-    if (!status.ok()) return status;
     // Checked before opening, so that devices and pipes are never opened, and
     // again after: O_NONBLOCK keeps a pipe swapped in meanwhile from hanging.
     struct stat st {};
-    status = LocalPaths::StatItem(parent.Get(), name, key, &st);
+    LocalStatus status = OpenItem(key, &parent, &name, &st);
     if (!status.ok()) return status;
     UniqueFd file(
         openat(parent.Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -300,15 +316,9 @@ LocalStatus LocalProtocol::DoMove(const std::string& key, const std::string& new
                                   bool folder, _FS_FILE_V2* record) {
     UniqueFd from;
     std::string name;
-    LocalStatus status = paths_->OpenParent(key, &from, &name);
-    if (!status.ok()) return status;
     struct stat st {};
-    status = LocalPaths::StatItem(from.Get(), name, key, &st);
+    LocalStatus status = OpenItemOfKind(key, folder, &from, &name, &st);
     if (!status.ok()) return status;
-    if (S_ISDIR(st.st_mode) != folder) {
-        return LocalStatus::Error(INVALID_PARAMETER,
-                                  key + (folder ? " is not a folder" : " is a folder"));
-    }
     if (folder && IsSameOrBelow(newParentKey, key)) {
         return LocalStatus::Error(INVALID_PARAMETER, key + " cannot move into itself");
     }
@@ -372,15 +382,9 @@ AERROR LocalProtocol::DeleteFolder(const _FS_FILE_V2* record, void** cookie) {
 LocalStatus LocalProtocol::DoDelete(const std::string& key, bool folder) {
     UniqueFd parent;
     std::string name;
-    LocalStatus status = paths_->OpenParent(key, &parent, &name);
-    if (!status.ok()) return status;
     struct stat st {};
-    status = LocalPaths::StatItem(parent.Get(), name, key, &st);
+    LocalStatus status = OpenItemOfKind(key, folder, &parent, &name, &st);
     if (!status.ok()) return status;
-    if (S_ISDIR(st.st_mode) != folder) {
-        return LocalStatus::Error(INVALID_PARAMETER,
-                                  key + (folder ? " is not a folder" : " is a folder"));
-    }
     if (!folder) {
         ExpectOwn(key, IN_DELETE, false);
         if (unlinkat(parent.Get(), name.c_str(), 0) != 0) return LocalStatus::FromErrno(errno, key);
@@ -453,10 +457,8 @@ LocalStatus LocalProtocol::DoSetTime(const std::string& key, long long accessTim
     }
     UniqueFd parent;
     std::string name;
-    LocalStatus status = paths_->OpenParent(key, &parent, &name);
-    if (!status.ok()) return status;
     struct stat st {};
-    status = LocalPaths::StatItem(parent.Get(), name, key, &st);
+    LocalStatus status = OpenItem(key, &parent, &name, &st);
     if (!status.ok()) return status;
     ExpectOwn(key, IN_ATTRIB, false);
     if (utimensat(parent.Get(), name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {

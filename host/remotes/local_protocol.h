@@ -35,6 +35,8 @@
 class ChangeWatcher;
 class LocalPaths;
 struct LocalStatus;
+class UniqueFd;
+struct stat;
 
 class LocalProtocol : public IProtocol_V2 {
   public:
@@ -82,6 +84,13 @@ class LocalProtocol : public IProtocol_V2 {
   private:
     LocalProtocol(std::shared_ptr<LocalPaths> paths, std::unique_ptr<ChangeWatcher> watcher);
 
+    // Opens the folder that holds `key` and stats the item in it, without
+    // following links.
+    LocalStatus OpenItem(const std::string& key, UniqueFd* parent, std::string* name,
+                         struct stat* st) const;
+    // The same, refusing an item that is not a folder (`folder`) or a file.
+    LocalStatus OpenItemOfKind(const std::string& key, bool folder, UniqueFd* parent,
+                               std::string* name, struct stat* st) const;
     LocalStatus DoDownload(const std::string& key, long long offset, long long size,
                            const std::shared_ptr<_FS_HANDLE>& handle, IFetchCallback* callback);
     LocalStatus DoListFolder(const std::string& key, IFileList* sink);

@@ -133,32 +133,31 @@ Json::Value* FindMember(Json::Value* value, const std::string& name) {
 
 }  // namespace
 
-JsonObject JsonObject::GetObject(const char* path) {
+Json::Value* JsonObject::Walk(const char* path) const {
     Json::Value* current = target_;
     for (const std::string& segment : split(path, "/")) {
+        // Leading, trailing and doubled slashes leave empty segments: skipped.
         if (segment.empty()) {
             continue;
         }
         current = FindMember(current, segment);
         if (current == nullptr) {
-            throw ACCESS_VIOLATION;
+            return nullptr;
         }
     }
-    return JsonObject(*current);
+    return current;
+}
+
+JsonObject JsonObject::GetObject(const char* path) {
+    Json::Value* found = Walk(path);
+    if (found == nullptr) {
+        throw ACCESS_VIOLATION;
+    }
+    return JsonObject(*found);
 }
 
 bool JsonObject::HasObject(const char* path) const {
-    Json::Value* current = target_;
-    for (const std::string& segment : split(path, "/")) {
-        if (segment.empty()) {
-            continue;
-        }
-        current = FindMember(current, segment);
-        if (current == nullptr) {
-            return false;
-        }
-    }
-    return true;
+    return Walk(path) != nullptr;
 }
 
 unsigned int JsonObject::GetArraySize() const {

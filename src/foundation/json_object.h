@@ -86,6 +86,10 @@ class JsonObject {
     std::string ToText() const;
 
   private:
+    // The value at a "/"-separated path below the target, or null when a
+    // member on the way is missing.
+    Json::Value* Walk(const char* path) const;
+
     // The value every operation works on: &own_ for an owning object, a value
     // inside another object for a view.
     Json::Value* target_;
