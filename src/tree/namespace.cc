@@ -98,6 +98,9 @@ void File::ForgetChildren() {
         childCount_ = children_.size();
         uint32_t listed = FILE_STATE_LISTED;
         fileState_.compare_exchange_strong(listed, FILE_STATE_NEW);
+        // The next lookup lists the folder again, synchronously, before it
+        // answers, even when the protocol reports changes itself.
+        listed_ = false;
     }
     for (auto& node : dropped)
         node->Detach();
