@@ -316,10 +316,7 @@ TEST_F(BrowseTest, AMissPollsAProtocolThatReportsChangesAtMostOncePerInterval) {
     struct stat st;
     EXPECT_EQ(Stat("/nothing", &st), -ENOENT);
     EXPECT_EQ(Stat("/nothing", &st), -ENOENT);
-    // A missing folder on the way is PATH_NOT_FOUND, which the volume
-    // answers as EIO; the kernel never asks for it, as it looks paths up
-    // one component at a time.
-    EXPECT_EQ(Stat("/nothing/deeper", &st), -EIO);
+    EXPECT_EQ(Stat("/nothing/deeper", &st), -ENOENT);
     EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::GetChanges), 1);
 }
 
@@ -349,11 +346,15 @@ TEST_F(BrowseTest, StatFsSumsQuotasAndCachesThem) {
 TEST_F(BrowseTest, OperationsWithFixedAnswers) {
     protocol_->AddFile("/f.txt", "f");
     ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-    EXPECT_EQ(fs_->ChangeOwner("/f.txt", getuid() + 1, getgid(), "test"), -EIO);
+    // What the volume cannot keep is refused as not permitted, not as an
+    // I/O error that tools take for damaged data.
+    EXPECT_EQ(fs_->ChangeOwner("/f.txt", getuid() + 1, getgid(), "test"), -EPERM);
     EXPECT_EQ(fs_->ChangeOwner("/f.txt", getuid(), getgid(), "tar"), 0);  // nothing to change
     EXPECT_EQ(fs_->ChangeOwner("/f.txt", static_cast<unsigned>(-1), getgid(), "tar"), 0);
     EXPECT_EQ(fs_->ChangeOwner("/missing", getuid(), getgid(), "tar"), -ENOENT);
-    EXPECT_EQ(fs_->MakeNode("/n", 0644, 0, "test"), -EIO);
+    EXPECT_EQ(fs_->MakeNode("/fifo", S_IFIFO | 0644, 0, "test"), -EPERM);
+    EXPECT_EQ(fs_->MakeDir(("/" + std::string(256, 'n')).c_str(), 0755, "test"), -ENAMETOOLONG);
+    EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::CreateFolder), 0);
     EXPECT_EQ(fs_->Flush("/whatever", "test"), 0);
     EXPECT_EQ(fs_->Access("/f.txt", R_OK, "test"), 0);
     EXPECT_EQ(fs_->OpenDir("/f.txt", "test"), -EIO);

@@ -3,6 +3,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "fs/errno_for.h"
 #include "fs/filesystem.h"
 #include "fs/log_macros.h"
 #include "libfilesystem/entry_points.h"
@@ -94,7 +95,7 @@ int FileSystem::ChangeOwner(const char* path, unsigned int uid, unsigned int gid
     // other owner cannot be kept.
     const bool sameUser = uid == static_cast<unsigned int>(-1) || uid == getuid();
     const bool sameGroup = gid == static_cast<unsigned int>(-1) || gid == getgid();
-    if (!sameUser || !sameGroup) return ConvertAERROR(NOT_SUPPORTED);
+    if (!sameUser || !sameGroup) return ErrnoFor(NOT_SUPPORTED);
     const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
     return Outcome("ChangeOwner", GetFile(exact.c_str(), node), process, path);
@@ -149,6 +150,7 @@ int FileSystem::StatFs(const char* path, struct statvfs* sv, std::string process
     const unsigned long long freeBytes = total > used ? total - used : 0;
     sv->f_bfree = sv->f_bavail = freeBytes / sv->f_bsize;
     sv->f_files = 1048576;
+    sv->f_namemax = kMaxNameLength;
     sv->f_ffree = 0;
     return Outcome("StatFs", result, process, path);
 }

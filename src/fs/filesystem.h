@@ -167,6 +167,14 @@ class FileSystem final : public IFileSystemImpl,
     void JobFinished() override;
 
   private:
+    // Both ends of a rename, resolved.
+    struct RenamePlan {
+        std::shared_ptr<File> source;
+        std::shared_ptr<File> sourceDir;
+        std::shared_ptr<File> destinationDir;
+        std::string newName;  // the final name, as the caller spelled it
+    };
+    int PlanRename(const char* from, const char* to, RenamePlan& plan);
     // Logs an operation's outcome and converts it for FUSE.
     int Outcome(const char* operation, AERROR result, const std::string& process, const char* path);
     // Asks the protocol of `entry` for remote changes when it reports them

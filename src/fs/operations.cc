@@ -1,22 +1,35 @@
 // Creating, opening and releasing files, the data path, and deleting and
 // renaming: the volume operations that change files.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+
+#include <cstring>
 
 #include "data/cache_service.h"
 #include "foundation/time_utils.h"
+#include "fs/errno_for.h"
 #include "fs/filesystem.h"
 #include "fs/log_macros.h"
 #include "fs/open_flags.h"
 #include "libfilesystem/entry_points.h"
 #include "tree/file.h"
 
+namespace {
+
+// Whether the last component of `path` is longer than a folder entry may be.
+bool NameTooLong(const char* path) {
+    return FileSystem::GetObjectName(path, "\\/").size() > kMaxNameLength;
+}
+
+}  // namespace
+
 int FileSystem::Outcome(const char* operation, AERROR result, const std::string& process,
                         const char* path) {
     __LOG__A(CurrentLogger(), result != SUCCESS ? LL_ERROR : LL_DEBUG,
              "[FILESYSTEM] [%s:%s] %s => %s : %s", letter_.c_str(), process.c_str(), operation,
              GetAERRORA(result), path != nullptr ? path : "");
-    return ConvertAERROR(result);
+    return ErrnoFor(result);
 }
 
 std::shared_ptr<_FS_HANDLE_EXT> FileSystem::FindHandle(unsigned long long handle,
@@ -89,6 +102,7 @@ AERROR FileSystem::CreateNewFile(std::shared_ptr<File> parent, std::string name,
 int FileSystem::Create(const char* path, unsigned short mode, int flags, unsigned long long& handle,
                        IExportService* service, std::string process) {
     LOG_REQUEST("%s : %s, %d with %s", "Create", path, mode, OpenFlagsText(flags).c_str());
+    if (NameTooLong(path)) return -ENAMETOOLONG;
     const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
     AERROR result = GetFile(exact.c_str(), node);
@@ -108,12 +122,18 @@ int FileSystem::Create(const char* path, unsigned short mode, int flags, unsigne
     return Outcome("Create", result, process, path);
 }
 
-int FileSystem::MakeNode(const char*, unsigned short, int, std::string) {
-    return ConvertAERROR(NOT_SUPPORTED);
+int FileSystem::MakeNode(const char* path, unsigned short mode, int, std::string process) {
+    // Regular files are all the volume stores; mknod(2) of one creates it.
+    if (!S_ISREG(mode)) return Outcome("MakeNode", NOT_SUPPORTED, process, path);
+    unsigned long long handle = 0;
+    const int created = Create(path, mode, O_WRONLY | O_CREAT | O_EXCL, handle, nullptr, process);
+    if (created != 0) return created;
+    return Release(handle, nullptr, process);
 }
 
 int FileSystem::MakeDir(const char* path, unsigned short mode, std::string process) {
     LOG_REQUEST("%s : %s, %d", "MakeDir", path, mode);
+    if (NameTooLong(path)) return -ENAMETOOLONG;
     const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
     if (GetFile(exact.c_str(), node) == SUCCESS && node) {
@@ -189,17 +209,21 @@ int FileSystem::Write(unsigned long long handle, const char* buffer, unsigned lo
              "Write", handle, offset, static_cast<int>(size));
     auto record = FindHandle(handle, process);
     if (!record) return -EIO;
+    if (offset < 0 || offset > kMaxFileSize - static_cast<long long>(size)) return -EFBIG;
     unsigned long count = 0;
     AERROR result = SUCCESS;
     if (record->file) {
         result = record->file->WriteFile(record.get(), buffer, size, &count, offset, service);
     }
-    Outcome("Write", result, process, record->path.c_str());
+    // A full cache is ENOSPC, a time-out ETIMEDOUT; anything else is EIO.
+    const int refusal = Outcome("Write", result, process, record->path.c_str());
+    if (refusal == -ENOSPC || refusal == -ETIMEDOUT) return refusal;
     return result != SUCCESS ? -EIO : static_cast<int>(count);
 }
 
 int FileSystem::Ftruncate(unsigned long long handle, long long size, std::string process) {
     LOG_REQUEST("%s : %llu, %lld", "Ftruncate", handle, size);
+    if (size > kMaxFileSize) return -EFBIG;
     auto record = FindHandle(handle, process);
     if (!record) return ConvertAERROR(INVALID_HANDLE);
     AERROR result = SUCCESS;
@@ -209,6 +233,7 @@ int FileSystem::Ftruncate(unsigned long long handle, long long size, std::string
 
 int FileSystem::Truncate(const char* path, long long size, IExportService* service,
                          std::string process) {
+    if (size > kMaxFileSize) return -EFBIG;
     unsigned long long handle = 0;
     const int opened = Open(path, O_WRONLY, handle, process);
     if (opened != 0) return opened;
@@ -226,6 +251,8 @@ int FileSystem::Unlink(const char* path, std::string process) {
     const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
     AERROR result = GetFile(exact.c_str(), node);
+    // unlink(2) never removes a folder, whatever the kernel thought it was.
+    if (result == SUCCESS && node && node->IsFolder()) return -EISDIR;
     if (result == SUCCESS && node) result = node->unlink(true);
     return Outcome("Unlink", result, process, path);
 }
@@ -240,61 +267,65 @@ int FileSystem::RemoveDir(const char* path, std::string process) {
         // and refuse while anything but its marker files is in it.
         if (node->IsFolder() && node->GetFileState() != FILE_STATE_LISTED) node->FetchList(node);
         if (node->IsFolder() && node->HasEntries()) {
-            Outcome("RemoveDir", DIR_NOT_EMPTY, process, path);
-            return -ENOTEMPTY;
+            result = DIR_NOT_EMPTY;
+        } else if (!node->IsFolder()) {
+            result = INVALID_DIRECTORY;
+        } else {
+            result = node->unlink(true);
         }
-        result = node->unlink(true);
     }
     return Outcome("RemoveDir", result, process, path);
 }
 
 int FileSystem::Rename(const char* from, const char* to, std::string process) {
     LOG_REQUEST("%s : %s to %s", "Rename", from, to);
+    RenamePlan plan;
+    int refusal = PlanRename(from, to, plan);
+    AERROR result = SUCCESS;
+    if (refusal == 0 && plan.sourceDir != plan.destinationDir) {
+        // Both folders' locks, taken together: in a fixed order, two
+        // opposite moves between the same folders could deadlock.
+        std::scoped_lock folders(*plan.sourceDir->GetChildLock(),
+                                 *plan.destinationDir->GetChildLock());
+        result = plan.source->MoveFile(plan.source, plan.destinationDir, plan.newName);
+    } else if (refusal == 0) {
+        result = plan.sourceDir->RenameFile(plan.source, plan.newName, process);
+    }
+    if (refusal == 0) refusal = ErrnoFor(result);
+    __LOG__A(CurrentLogger(), refusal != 0 ? LL_ERROR : LL_DEBUG,
+             "[FILESYSTEM] [%s:%s] %s => %s : %s to %s", letter_.c_str(), process.c_str(), "Rename",
+             refusal != 0 ? strerror(-refusal) : GetAERRORA(result), from, to);
+    return refusal;
+}
+
+// Resolves both ends of a rename and applies rename(2)'s refusals; 0 or a
+// negative errno. The destination is always the final name: the kernel has
+// already turned "mv a dir/" into rename(a, dir/a).
+int FileSystem::PlanRename(const char* from, const char* to, RenamePlan& plan) {
     const std::string exactFrom = ToExactPath(from, false);
     const std::string exactTo = ToExactPath(to, false);
-    AERROR result = SUCCESS;
-    std::shared_ptr<File> source;
-    std::shared_ptr<File> sourceDir;
-    std::shared_ptr<File> destinationDir;
-    std::string newName;
-    if (GetFile(exactFrom.c_str(), source) != SUCCESS || !source) {
-        result = FILE_NOT_FOUND;
-    } else if (source->IsFolder() && source->HasAnyOpenedChildHandle()) {
-        // An open file must not move with its folder.
-        result = ACCESS_DENIED;
-    } else if (GetParent(exactFrom.c_str(), sourceDir) != SUCCESS || !sourceDir) {
-        result = PATH_NOT_FOUND;
-    } else {
-        std::shared_ptr<File> existing;
-        if (GetFile(exactTo.c_str(), existing) == SUCCESS && existing && existing->IsFolder() &&
-            existing != source && existing != sourceDir) {
-            destinationDir = existing;
-        } else if (GetParent(exactTo.c_str(), destinationDir) != SUCCESS || !destinationDir) {
-            result = PATH_NOT_FOUND;
-        } else {
-            // The one place where case is kept: the name as the caller wrote it.
-            const std::string keepCase = ToExactPath(to, true);
-            newName = GetObjectName(keepCase.c_str(), "\\/");
-        }
+    if (GetFile(exactFrom.c_str(), plan.source) != SUCCESS || !plan.source) return -ENOENT;
+    if (GetParent(exactFrom.c_str(), plan.sourceDir) != SUCCESS || !plan.sourceDir) return -ENOENT;
+    if (GetParent(exactTo.c_str(), plan.destinationDir) != SUCCESS || !plan.destinationDir) {
+        return -ENOENT;
     }
-    if (result == SUCCESS && sourceDir->GetProtocol() != destinationDir->GetProtocol()) {
-        result = ACCESS_DENIED;
+    // The one place where case is kept: the name as the caller wrote it.
+    plan.newName = GetObjectName(ToExactPath(to, true).c_str(), "\\/");
+    if (plan.newName.size() > kMaxNameLength) return -ENAMETOOLONG;
+    // An open file must not move with its folder.
+    if (plan.source->IsFolder() && plan.source->HasAnyOpenedChildHandle()) return -EBUSY;
+    // Files never move between protocols: tools copy them instead.
+    if (plan.sourceDir->GetProtocol() != plan.destinationDir->GetProtocol()) return -EXDEV;
+    std::shared_ptr<File> target;
+    if (GetFile(exactTo.c_str(), target) != SUCCESS || !target || target == plan.source) return 0;
+    if (plan.source->IsFolder() && !target->IsFolder()) return -ENOTDIR;
+    if (!plan.source->IsFolder() && target->IsFolder()) return -EISDIR;
+    if (target->IsFolder()) {
+        // Only an empty folder may be replaced; list it if it never was.
+        if (target->GetFileState() != FILE_STATE_LISTED) target->FetchList(target);
+        if (target->HasEntries()) return -ENOTEMPTY;
     }
-    if (result == SUCCESS) {
-        if (sourceDir != destinationDir) {
-            // Both folders' locks, taken together: in a fixed order, two
-            // opposite moves between the same folders could deadlock.
-            std::scoped_lock folders(*sourceDir->GetChildLock(), *destinationDir->GetChildLock());
-            result = source->MoveFile(source, destinationDir, newName);
-        } else {
-            result =
-                sourceDir->RenameFile(source, newName.empty() ? source->Name() : newName, process);
-        }
-    }
-    __LOG__A(CurrentLogger(), result != SUCCESS ? LL_ERROR : LL_DEBUG,
-             "[FILESYSTEM] [%s:%s] %s => %s : %s to %s", letter_.c_str(), process.c_str(), "Rename",
-             GetAERRORA(result), from, to);
-    return ConvertAERROR(result);
+    return 0;
 }
 
 AERROR FileSystem::UploadCacheSave(const char* path, const char* localPath) {

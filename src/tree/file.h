@@ -108,6 +108,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // only once it succeeded; a failure is reported to the event sink once.
     AERROR CreateDirectory(const char* name);
     AERROR unlink(bool lock);
+    // Removes this node, which `source` is about to replace under its name,
+    // as rename(2) does: a file by a file, an empty folder by a folder.
+    AERROR Replace(const File& source, bool lock);
     // Marks the node for deletion when its handle is cleaned up.
     AERROR DeleteFile(_FS_HANDLE_EXT* handle, bool deleting);
     // Renames this node within its folder.

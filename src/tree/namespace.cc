@@ -77,6 +77,13 @@ AERROR File::unlink(bool lock) {
     return SUCCESS;
 }
 
+AERROR File::Replace(const File& source, bool lock) {
+    if (IsFolder() != source.IsFolder()) return ACCESS_DENIED;
+    // Never delete what a folder holds: only an empty one is replaced.
+    if (IsFolder() && HasEntries()) return DIR_NOT_EMPTY;
+    return unlink(lock);
+}
+
 AERROR File::DeleteFile(_FS_HANDLE_EXT*, bool deleting) {
     fileState_ = deleting ? FILE_STATE_DELETING : FILE_STATE_LISTED;
     return SUCCESS;
@@ -171,8 +178,7 @@ AERROR File::RenameFile(std::shared_ptr<File> source, const std::string& newName
     // source itself (a rename that changes only the letter case).
     auto target = GetFileWithNoFetch(newName.c_str());
     if (target && target != source) {
-        if (target->IsFolder() != source->IsFolder()) return ACCESS_DENIED;
-        const AERROR removed = target->unlink(true);
+        const AERROR removed = target->Replace(*source, true);
         if (removed != SUCCESS) return removed;
     }
     const AERROR result = source->RenameFile(source, newName.c_str(), true);
@@ -209,8 +215,7 @@ AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParen
     // Like rename(2), a move replaces an item of the same name.
     auto target = newParent->GetFileWithNoFetch(finalName.c_str());
     if (target && target != self) {
-        if (target->IsFolder() != IsFolder()) return ACCESS_DENIED;
-        const AERROR removed = target->unlink(false);
+        const AERROR removed = target->Replace(*this, false);
         if (removed != SUCCESS) return removed;
     }
 
