@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <functional>
 #include <random>
 #include <thread>
 
@@ -245,6 +247,10 @@ TEST_F(VolumeKernelTest, AFailedUploadIsPutToTheHostAndItsAnswerCarriedOut) {
     protocol_->FailNext(Op::UploadItem, SOCK_TIMEOUT);
     ASSERT_TRUE(WriteFile(At("/save.txt"), "saved locally"));
     ASSERT_TRUE(WaitUntil([&] { return ReadFile(saved) == "saved locally"; }));
+    // The volume still shows what was written, until an upload succeeds.
+    EXPECT_EQ(ReadFile(At("/save.txt")), "saved locally");
+    EXPECT_EQ(fs_->UploadCacheRetry("/save.txt"), SUCCESS);
+    EXPECT_TRUE(RemoteBecomes("/save.txt", "saved locally"));
 
     // No answer: the data waits in the cache for the host.
     events_->Answer(0);
@@ -259,6 +265,63 @@ TEST_F(VolumeKernelTest, AFailedUploadIsPutToTheHostAndItsAnswerCarriedOut) {
     EXPECT_EQ(fs_->UploadCacheRetry("/no-such.txt"), FILE_NOT_FOUND);
     EXPECT_EQ(fs_->UploadCacheCancel("/nothing.txt"), FILE_NOT_FOUND);
     EXPECT_EQ(fs_->UploadCacheSave("/nothing.txt", "/tmp/x"), FILE_NOT_FOUND);
+}
+
+// Runs `call` on a thread of its own; true when it returned within `limit`.
+// The thread is joined once `unblock` has run, whatever happened.
+bool ReturnsWithin(std::chrono::seconds limit, const std::function<void()>& call,
+                   const std::function<void()>& unblock) {
+    std::atomic<bool> done{false};
+    std::thread caller([&] {
+        call();
+        done = true;
+    });
+    const bool inTime = WaitUntil([&] { return done.load(); }, limit);
+    unblock();
+    caller.join();
+    return inTime;
+}
+
+TEST_F(VolumeKernelTest, RenamesDuringAnUploadReturnAtOnceAndTheDataFollows) {
+    protocol_->AddFolder("/dst");
+    Up();
+    const std::string data = RandomBytes(3 << 20, 5);
+    protocol_->Pause(Op::UploadItem);
+    ASSERT_TRUE(WriteFile(At("/a.bin"), data));
+    ASSERT_TRUE(protocol_->WaitForPaused(Op::UploadItem, 1));
+    // The upload is held: the renames and a listing still answer.
+    int renamed = -1;
+    int moved = -1;
+    EXPECT_TRUE(ReturnsWithin(
+        std::chrono::seconds(10),
+        [&] {
+            renamed = rename(At("/a.bin").c_str(), At("/b.bin").c_str());
+            moved = rename(At("/b.bin").c_str(), At("/dst/c.bin").c_str());
+            EXPECT_EQ(Sh("ls " + At("/") + " " + At("/dst") + " >/dev/null"), 0);
+        },
+        [&] { protocol_->Resume(Op::UploadItem); }));
+    EXPECT_EQ(renamed, 0);
+    EXPECT_EQ(moved, 0);
+    EXPECT_TRUE(RemoteBecomes("/dst/c.bin", data));
+    ASSERT_TRUE(Settled());
+    EXPECT_EQ(protocol_->ListNames("/"), (std::vector<std::string>{"dst"}));
+    EXPECT_EQ(protocol_->ListNames("/dst"), (std::vector<std::string>{"c.bin"}));
+}
+
+TEST_F(VolumeKernelTest, ADeleteWhileTheHostDecidesAboutAFailedUploadIsNotForgotten) {
+    Up();
+    events_->Answer(UPLOAD_ANSWER_RETRY);
+    protocol_->FailAlways(Op::UploadItem, SOCK_TIMEOUT);
+    ASSERT_TRUE(WriteFile(At("/doomed.txt"), "never stored"));
+    ASSERT_TRUE(WaitUntil([&] { return events_->Questions() >= 2; }));
+    // The delete gives the upload up for good: no retry follows it.
+    EXPECT_TRUE(ReturnsWithin(
+        std::chrono::seconds(10), [&] { EXPECT_EQ(unlink(At("/doomed.txt").c_str()), 0); },
+        [&] { protocol_->ClearFailures(); }));
+    const int tries = protocol_->Calls(Op::UploadItem);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(protocol_->Calls(Op::UploadItem), tries);
+    EXPECT_FALSE(protocol_->Exists("/doomed.txt"));
 }
 
 TEST_F(VolumeKernelTest, UnmountWaitsForUploadsUnlessForced) {

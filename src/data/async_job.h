@@ -2,6 +2,7 @@
 #ifndef LIBFS_DATA_ASYNC_JOB_H_
 #define LIBFS_DATA_ASYNC_JOB_H_
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -20,6 +21,10 @@ struct _ASYNCJOB {
     std::shared_ptr<_FS_HANDLE_EXT> origin;
     // For ASYNCJOB_SAVE: the local file to write.
     std::string target;
+    // Set when the job is given up (the file was deleted, or the volume
+    // stops): it ends at the next chance, and is never tried again, even
+    // when the host answered a failure with retry meanwhile.
+    std::atomic<bool> canceled{false};
 };
 
 #endif  // LIBFS_DATA_ASYNC_JOB_H_

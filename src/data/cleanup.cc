@@ -90,7 +90,7 @@ AERROR File::Cleanup(_FS_HANDLE_EXT* handle, bool deleting, IExportService* expo
     bool busy;
     {
         std::lock_guard<std::mutex> lock(jobLock_);
-        busy = !jobs_.empty() || jobRunning_;
+        busy = !jobs_.empty() || runningJob_ != nullptr;
     }
     if (!busy && !handles_.HasAnyOpened()) CloseCache();
     return result;

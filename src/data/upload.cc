@@ -10,6 +10,7 @@
 #include "api/log.h"
 #include "data/async_job.h"
 #include "data/cache_io.h"
+#include "data/upload_place.h"
 #include "foundation/time_utils.h"
 #include "fs/filesystem_interfaces.h"
 #include "libfilesystem/entry_points.h"
@@ -70,11 +71,10 @@ void File::ProcessJobs() {
         std::shared_ptr<_ASYNCJOB> job;
         {
             std::lock_guard<std::mutex> lock(jobLock_);
-            // Another worker may be running this node's jobs already, or
-            // the node is being renamed (which queues it again after).
-            if (jobs_.empty() || jobRunning_ || renaming_) return;
+            // Another worker may be running this node's jobs already.
+            if (jobs_.empty() || runningJob_) return;
             job = jobs_.front();
-            jobRunning_ = true;
+            runningJob_ = job;
         }
         if (job->kind == ASYNCJOB_SAVE) {
             const AERROR result = SaveCacheToFile(job->target);
@@ -93,7 +93,7 @@ void File::ProcessJobs() {
             std::lock_guard<std::mutex> lock(jobLock_);
             if (!jobs_.empty() && jobs_.front() == job) jobs_.pop_front();
             if (job->handle) job->handle->state = HANDLE_STATE_CLOSED;
-            jobRunning_ = false;
+            runningJob_.reset();
             idle = jobs_.empty();
             jobsDone_.notify_all();
         }
@@ -104,11 +104,12 @@ void File::ProcessJobs() {
 
 void File::CancelAsyncJobs() {
     std::lock_guard<std::mutex> lock(jobLock_);
-    const size_t keep = jobRunning_ ? 1 : 0;
+    const size_t keep = runningJob_ ? 1 : 0;
     bool dropped = false;
     while (jobs_.size() > keep) {
         auto job = jobs_.back();
         jobs_.pop_back();
+        job->canceled = true;
         if (job->handle) job->handle->state = HANDLE_STATE_CLOSED;
         dropped = true;
     }
@@ -118,23 +119,7 @@ void File::CancelAsyncJobs() {
 
 void File::WaitAsyncJobs() {
     std::unique_lock<std::mutex> lock(jobLock_);
-    jobsDone_.wait(lock, [this] { return !jobRunning_; });
-}
-
-void File::BeginNamespaceChange() {
-    std::unique_lock<std::mutex> lock(jobLock_);
-    renaming_ = true;
-    jobsDone_.wait(lock, [this] { return !jobRunning_; });
-}
-
-void File::EndNamespaceChange() {
-    bool pending;
-    {
-        std::lock_guard<std::mutex> lock(jobLock_);
-        renaming_ = false;
-        pending = !jobs_.empty();
-    }
-    if (pending && fileSystem_ != nullptr) fileSystem_->QueueFile(shared_from_this());
+    jobsDone_.wait(lock, [this] { return !runningJob_; });
 }
 
 int File::CountUploadings() {
@@ -148,7 +133,7 @@ int File::CountUploadings() {
 void File::CancelUploadings() {
     CancelAsyncJobs();
     std::lock_guard<std::mutex> lock(jobLock_);
-    if (jobRunning_) uploadCanceled_ = true;
+    if (runningJob_) runningJob_->canceled = true;
 }
 
 AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportService* exportService) {
@@ -158,6 +143,7 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
                  "[ASYNCJOB  ] Protocol not found. Upload %s has failed.", name.c_str());
         return FAILED;
     }
+    if (job->canceled.load()) return UPLOAD_CANCELED;
     // The cache object may have been closed since the file was: the data is
     // still in the cache service.
     if (!CacheObject()) OpenCache('r');
@@ -169,7 +155,6 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
         return FAILED;
     }
     __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload - %s", name.c_str());
-    uploadCanceled_ = false;
     uploadState_ = 3;
     // Taken while no writer is in the middle of a change, so that what the
     // upload reads is at least as new as this generation.
@@ -178,113 +163,189 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
         std::unique_lock<std::shared_mutex> content(contentLock_);
         generation = writeGeneration_.load();
     }
-
-    _FS_FILE_V2 record(*Info());
-    if (!record.key.empty()) {
-        __LOG__A(CurrentLogger(), LL_INFO,
-                 "[ASYNCJOB  ] If file does not fully written, fill data from server.");
-        cacheObject->Reopen('w', record.size, this);
-        cacheObject->FillUnwritten(job->handle);
-    }
-    if (job->handle) job->handle->reservedPosition = 0;
-    if (record.key.empty()) {
-        const std::string remoteKey = RemoteKey();
-        if (!remoteKey.empty()) {
-            record.key = remoteKey;
-            __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload overwrite mode for %s.",
-                     name.c_str());
-        } else {
-            __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload new file.");
-        }
-    }
-
-    PreventTimeoutCacheIO timeoutSource(cacheObject, exportService, config_);
-    CancellableSource source(&timeoutSource, uploadCanceled_);
-    ProgressContext progressContext{this, BuildLocalPathA('/'), GetConfig().callback_interval};
-    _TRANSFERPROGRESS progress;
-    progress.callback = TransferCallback;
-    progress.context = &progressContext;
-    const std::string parentKey = parent_ != nullptr ? Parent()->Key() : std::string();
+    UploadPlace place;
+    _FS_FILE_V2 record = PrepareUpload(cacheObject, *job, place);
     void* cookie = nullptr;
-    AERROR result = protocol_->UploadItem(parentKey.c_str(), job->handle, &source, &record,
-                                          record.size != 0 ? &progress : nullptr, &cookie);
+    AERROR result = UPLOAD_CANCELED;
+    {
+        UploadPlaceReservation reservation(place, job->canceled);
+        if (reservation.Held())
+            result = SendUpload(cacheObject, *job, record, place, exportService, &cookie);
+        if (result == SUCCESS) result = CommitUpload(record, place, generation, cacheObject);
+    }
     if (result != SUCCESS) {
         __LOG__A(CurrentLogger(), LL_ERROR, "[ASYNCJOB  ] Upload failed. Protocol returns %s",
                  GetAERRORA(result));
         uploadState_ = 6;
-    } else {
-        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Transfer success.");
-        const auto local = Info();
-        if ((protocol_->GetCapabilities() & PROTOCOL_CAP_SET_TIME) != 0 && !record.key.empty()) {
-            __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time.");
-            void* timeCookie = nullptr;
-            const long modifyTime = RFC3339ToTM(local->modifyTime.c_str());
-            if (protocol_->SetItemTime(record.key.c_str(), 0, 0, modifyTime, &timeCookie) ==
-                SUCCESS) {
-                __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time success.");
-            }
-            if (timeCookie != nullptr) protocol_->ReleaseCookie(timeCookie);
-        }
-        {
-            std::lock_guard<std::mutex> lock(dataMutex_);
-            remoteKey_ = record.key;
-            auto next = std::make_shared<_FS_FILE_EXT>(*Info());
-            next->key = record.key;
-            next->knownSize = record.size;
-            fetchableSize_ = next->size;
-            PublishInfo(next);
-        }
-        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Close and flush writable cache.");
-        // What was sent is stored remotely, unless the file changed while it
-        // was sent: then it stays marked, and its next close uploads again.
-        {
-            std::unique_lock<std::shared_mutex> content(contentLock_);
-            if (writeGeneration_.load() == generation) {
-                cacheObject->Commit();
-                modified_ = 0;
-            }
-        }
-        ReopenCache('r');
-        uploadState_ = 5;
-        IndexForChanges(shared_from_this());
-    }
-
-    if (result != SUCCESS && result != UPLOAD_CANCELED) {
-        auto sink = GetFSEvent();
-        const bool closed = !job->origin || job->origin->IsClosing();
-        if (sink && closed) {
-            __LOG__A(CurrentLogger(), LL_WARNING,
-                     "[ASYNCJOB  ] Error occured while uploading file. User action required.");
-            std::vector<char> answerPath(65536, '\0');
-            const std::string localPath = BuildLocalPathA('/');
-            const int answer = sink->AskUploadFailure(result, localPath.c_str(), answerPath.data(),
-                                                      answerPath.size() - 1);
-            if (answer == UPLOAD_ANSWER_CANCEL) {
-                __LOG__A(CurrentLogger(), LL_WARNING, "[ASYNCJOB  ] User canceled upload.");
-                UploadCacheCancel(shared_from_this());
-                sink->Notice(FSNOTICE_UPLOAD_DECIDED, localPath.c_str(), BuildOriginPathA().c_str(),
-                             BuildPathForPrint('/', false).c_str());
-            } else if (answer == UPLOAD_ANSWER_RETRY) {
-                __LOG__A(CurrentLogger(), LL_WARNING, "[ASYNCJOB  ] User retried upload.");
-                sink->Notice(FSNOTICE_UPLOAD_DECIDED, localPath.c_str(), BuildOriginPathA().c_str(),
-                             BuildPathForPrint('/', false).c_str());
-                result = RETRY_UPLOAD;
-            } else if (answer == UPLOAD_ANSWER_SAVE) {
-                const std::string target(answerPath.data());
-                __LOG__A(CurrentLogger(), LL_WARNING,
-                         "[ASYNCJOB  ] User choose save to local file %s.", target.c_str());
-                const AERROR saved = SaveCacheToFile(target);
-                // Once the data is safe in the local file, the upload is given
-                // up; if the save failed, the data stays cached.
-                if (saved == SUCCESS) UploadCacheCancel(shared_from_this());
-                sink->Notice(saved == SUCCESS ? FSNOTICE_SAVED_TO_FILE : FSNOTICE_SAVE_FAILED,
-                             localPath.c_str(), BuildOriginPathA().c_str(), target.c_str());
-            }
-        }
+        if (result != UPLOAD_CANCELED) result = AskAboutFailure(result, job);
     }
     if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] AsyncJobUpload - %s(%s) done(%s)",
              name.c_str(), BuildOriginPathA().c_str(), result == SUCCESS ? "Success" : "Failed");
+    return result;
+}
+
+_FS_FILE_V2 File::PrepareUpload(const std::shared_ptr<ICacheObj>& cacheObject, const _ASYNCJOB& job,
+                                UploadPlace& place) {
+    std::string remoteKey;
+    _FS_FILE_V2 record;
+    {
+        std::lock_guard<std::mutex> lock(placeLock_);
+        place.protocol = protocol_.get();
+        place.parentKey = parent_ != nullptr ? Parent()->Key() : std::string();
+        place.name = Name();
+        record = *Info();
+        remoteKey = RemoteKey();
+    }
+    if (!record.key.empty()) {
+        __LOG__A(CurrentLogger(), LL_INFO,
+                 "[ASYNCJOB  ] If file does not fully written, fill data from server.");
+        cacheObject->Reopen('w', record.size, this);
+        cacheObject->FillUnwritten(job.handle);
+    }
+    if (job.handle) job.handle->reservedPosition = 0;
+    if (record.key.empty() && !remoteKey.empty()) {
+        record.key = remoteKey;
+        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload overwrite mode for %s.",
+                 record.name.c_str());
+    } else if (record.key.empty()) {
+        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload new file.");
+    }
+    return record;
+}
+
+AERROR File::SendUpload(const std::shared_ptr<ICacheObj>& cacheObject, const _ASYNCJOB& job,
+                        _FS_FILE_V2& record, const UploadPlace& place,
+                        IExportService* exportService, void** cookie) {
+    PreventTimeoutCacheIO timeoutSource(cacheObject, exportService, config_);
+    CancellableSource source(&timeoutSource, job.canceled);
+    ProgressContext progressContext{this, BuildLocalPathA('/'), GetConfig().callback_interval};
+    _TRANSFERPROGRESS progress;
+    progress.callback = TransferCallback;
+    progress.context = &progressContext;
+    return protocol_->UploadItem(place.parentKey.c_str(), job.handle, &source, &record,
+                                 record.size != 0 ? &progress : nullptr, cookie);
+}
+
+AERROR File::CommitUpload(_FS_FILE_V2& record, const UploadPlace& place, uint64_t generation,
+                          const std::shared_ptr<ICacheObj>& cacheObject) {
+    __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Transfer success.");
+    const auto local = Info();
+    if ((protocol_->GetCapabilities() & PROTOCOL_CAP_SET_TIME) != 0 && !record.key.empty()) {
+        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time.");
+        void* timeCookie = nullptr;
+        const long modifyTime = RFC3339ToTM(local->modifyTime.c_str());
+        if (protocol_->SetItemTime(record.key.c_str(), 0, 0, modifyTime, &timeCookie) == SUCCESS) {
+            __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time success.");
+        }
+        if (timeCookie != nullptr) protocol_->ReleaseCookie(timeCookie);
+    }
+    {
+        std::lock_guard<std::mutex> lock(placeLock_);
+        const AERROR followed = FollowPlace(record, place);
+        if (followed != SUCCESS) return followed;
+        std::lock_guard<std::mutex> data(dataMutex_);
+        remoteKey_ = record.key;
+        auto next = std::make_shared<_FS_FILE_EXT>(*Info());
+        next->key = record.key;
+        next->knownSize = record.size;
+        fetchableSize_ = next->size;
+        PublishInfo(next);
+    }
+    __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Close and flush writable cache.");
+    // What was sent is stored remotely, unless the file changed while it was
+    // sent: then it stays marked, and its next close uploads again.
+    {
+        std::unique_lock<std::shared_mutex> content(contentLock_);
+        if (writeGeneration_.load() == generation) {
+            cacheObject->Commit();
+            modified_ = 0;
+        }
+    }
+    ReopenCache('r');
+    uploadState_ = 5;
+    IndexForChanges(shared_from_this());
+    return SUCCESS;
+}
+
+AERROR File::FollowPlace(_FS_FILE_V2& record, const UploadPlace& place) {
+    const std::string parentKey = parent_ != nullptr ? Parent()->Key() : std::string();
+    const std::string name = Name();
+    if (parentKey == place.parentKey && name == place.name) return SUCCESS;
+    const std::string current = RemoteKey();
+    // A protocol that keeps an item's identity across moves stored the data
+    // in the item the rename moved: nothing is left to do.
+    if (current == record.key) return SUCCESS;
+    __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] %s was renamed while uploading; moving it.",
+             name.c_str());
+    void* cookie = nullptr;
+    AERROR result = SUCCESS;
+    if (parentKey != place.parentKey) {
+        // Through a name no one uses, so that the move replaces nothing.
+        record.name = TransitName();
+        result =
+            protocol_->RenameItem(record.key.c_str(), place.parentKey.c_str(), &record, &cookie);
+        if (result == SUCCESS) {
+            result = protocol_->MoveItem(record.key.c_str(), parentKey.c_str(), &record, &cookie);
+        }
+    }
+    // The older copy that the rename took along is replaced.
+    if (result == SUCCESS && !current.empty()) {
+        _FS_FILE_V2 stale(record);
+        stale.key = current;
+        result = protocol_->DeleteItem(&stale, &cookie);
+        if (result == FILE_NOT_FOUND) result = SUCCESS;
+    }
+    if (result == SUCCESS) {
+        record.name = name;
+        result = protocol_->RenameItem(record.key.c_str(), parentKey.c_str(), &record, &cookie);
+    }
+    if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
+    if (result != SUCCESS) {
+        // The data is still cached and marked: the next upload stores it
+        // anew where the node is.
+        std::lock_guard<std::mutex> data(dataMutex_);
+        remoteKey_.clear();
+        auto next = std::make_shared<_FS_FILE_EXT>(*Info());
+        next->key.clear();
+        PublishInfo(next);
+    }
+    return result;
+}
+
+AERROR File::AskAboutFailure(AERROR result, const std::shared_ptr<_ASYNCJOB>& job) {
+    auto sink = GetFSEvent();
+    const bool closed = !job->origin || job->origin->IsClosing();
+    if (!sink || !closed) return result;
+    __LOG__A(CurrentLogger(), LL_WARNING,
+             "[ASYNCJOB  ] Error occured while uploading file. User action required.");
+    std::vector<char> answerPath(65536, '\0');
+    const std::string localPath = BuildLocalPathA('/');
+    const int answer =
+        sink->AskUploadFailure(result, localPath.c_str(), answerPath.data(), answerPath.size() - 1);
+    // The file was deleted, or the volume stops, while the host decided.
+    if (job->canceled.load()) return UPLOAD_CANCELED;
+    if (answer == UPLOAD_ANSWER_CANCEL) {
+        __LOG__A(CurrentLogger(), LL_WARNING, "[ASYNCJOB  ] User canceled upload.");
+        UploadCacheCancel(shared_from_this());
+        sink->Notice(FSNOTICE_UPLOAD_DECIDED, localPath.c_str(), BuildOriginPathA().c_str(),
+                     BuildPathForPrint('/', false).c_str());
+    } else if (answer == UPLOAD_ANSWER_RETRY) {
+        __LOG__A(CurrentLogger(), LL_WARNING, "[ASYNCJOB  ] User retried upload.");
+        sink->Notice(FSNOTICE_UPLOAD_DECIDED, localPath.c_str(), BuildOriginPathA().c_str(),
+                     BuildPathForPrint('/', false).c_str());
+        return RETRY_UPLOAD;
+    } else if (answer == UPLOAD_ANSWER_SAVE) {
+        const std::string target(answerPath.data());
+        __LOG__A(CurrentLogger(), LL_WARNING, "[ASYNCJOB  ] User choose save to local file %s.",
+                 target.c_str());
+        // The volume keeps showing what was written: the data stays cached
+        // and marked as not uploaded until a later upload succeeds or the
+        // file is deleted.
+        const AERROR saved = SaveCacheToFile(target);
+        sink->Notice(saved == SUCCESS ? FSNOTICE_SAVED_TO_FILE : FSNOTICE_SAVE_FAILED,
+                     localPath.c_str(), BuildOriginPathA().c_str(), target.c_str());
+    }
     return result;
 }
 
@@ -293,8 +354,19 @@ AERROR File::UploadNow(std::shared_ptr<_FS_HANDLE_EXT> handle, IExportService* e
     job->kind = ASYNCJOB_UPLOAD;
     job->handle = handle;
     job->origin = handle;
+    {
+        // Runs as the node's job, so that a delete cancels it and waits.
+        std::unique_lock<std::mutex> lock(jobLock_);
+        jobsDone_.wait(lock, [this] { return !runningJob_; });
+        runningJob_ = job;
+    }
     AERROR result = SUCCESS;
     while ((result = AsyncJobUpload(result, job, exportService)) == RETRY_UPLOAD) {
+    }
+    {
+        std::lock_guard<std::mutex> lock(jobLock_);
+        runningJob_.reset();
+        jobsDone_.notify_all();
     }
     return result;
 }

@@ -172,7 +172,8 @@ class FileSystem final : public IFileSystemImpl,
         std::shared_ptr<File> source;
         std::shared_ptr<File> sourceDir;
         std::shared_ptr<File> destinationDir;
-        std::string newName;  // the final name, as the caller spelled it
+        std::string newName;           // the final name, as the caller spelled it
+        std::shared_ptr<File> target;  // what the rename replaces, if anything
     };
     int PlanRename(const char* from, const char* to, RenamePlan& plan);
     // Logs an operation's outcome and converts it for FUSE.

@@ -282,7 +282,12 @@ int FileSystem::Rename(const char* from, const char* to, std::string process) {
     RenamePlan plan;
     int refusal = PlanRename(from, to, plan);
     AERROR result = SUCCESS;
-    if (refusal == 0 && plan.sourceDir != plan.destinationDir) {
+    // What is replaced goes first, before the folders' locks are taken: its
+    // delete waits for its own upload to stop.
+    if (refusal == 0 && plan.target) result = plan.target->Replace(*plan.source, true);
+    if (result != SUCCESS) {
+        refusal = ErrnoFor(result);
+    } else if (refusal == 0 && plan.sourceDir != plan.destinationDir) {
         // Both folders' locks, taken together: in a fixed order, two
         // opposite moves between the same folders could deadlock.
         std::scoped_lock folders(*plan.sourceDir->GetChildLock(),
@@ -316,8 +321,9 @@ int FileSystem::PlanRename(const char* from, const char* to, RenamePlan& plan) {
     if (plan.source->IsFolder() && plan.source->HasAnyOpenedChildHandle()) return -EBUSY;
     // Files never move between protocols: tools copy them instead.
     if (plan.sourceDir->GetProtocol() != plan.destinationDir->GetProtocol()) return -EXDEV;
-    std::shared_ptr<File> target;
-    if (GetFile(exactTo.c_str(), target) != SUCCESS || !target || target == plan.source) return 0;
+    std::shared_ptr<File>& target = plan.target;
+    if (GetFile(exactTo.c_str(), target) != SUCCESS || target == plan.source) target.reset();
+    if (!target) return 0;
     if (plan.source->IsFolder() && !target->IsFolder()) return -ENOTDIR;
     if (!plan.source->IsFolder() && target->IsFolder()) return -EISDIR;
     if (target->IsFolder()) {

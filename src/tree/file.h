@@ -27,6 +27,7 @@
 class FindFiles;
 class IFileSystemInternal;
 struct _ASYNCJOB;
+struct UploadPlace;
 
 // Values of File::fileState.
 constexpr uint32_t FILE_STATE_NEW = 1;       // a folder never listed
@@ -221,11 +222,6 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     void CancelAsyncJobs();
     // Waits until no job of the node runs.
     void WaitAsyncJobs();
-    // Brackets a change of the node's remote name or place: waits for a
-    // running upload (so the node has its remote identity) and holds back
-    // queued ones, which then run under the new name.
-    void BeginNamespaceChange();
-    void EndNamespaceChange();
     File& operator<<(std::shared_ptr<_ASYNCJOB> job);
 
     // Uploads the node's cached content once; RETRY_UPLOAD asks for another
@@ -252,6 +248,18 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
 
   private:
     AERROR RunListing(std::shared_ptr<File> self, bool background);
+    // The steps of one upload: what to send and where, sending it, and
+    // recording the result (bringing the data to where the node is now if
+    // it was renamed meanwhile); a failure is put to the host.
+    _FS_FILE_V2 PrepareUpload(const std::shared_ptr<ICacheObj>& cacheObject, const _ASYNCJOB& job,
+                              UploadPlace& place);
+    AERROR SendUpload(const std::shared_ptr<ICacheObj>& cacheObject, const _ASYNCJOB& job,
+                      _FS_FILE_V2& record, const UploadPlace& place, IExportService* exportService,
+                      void** cookie);
+    AERROR CommitUpload(_FS_FILE_V2& record, const UploadPlace& place, uint64_t generation,
+                        const std::shared_ptr<ICacheObj>& cacheObject);
+    AERROR FollowPlace(_FS_FILE_V2& record, const UploadPlace& place);
+    AERROR AskAboutFailure(AERROR result, const std::shared_ptr<_ASYNCJOB>& job);
     // Sets the record's size (and the fetchable size) after a truncation,
     // and marks the node; the caller holds contentLock_ shared.
     void Resize(long long size, bool forgetRemoteContent);
@@ -269,6 +277,12 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Renames the node (the remote item first when it has one) and, when
     // `rekey`, its entry in the parent's child map.
     AERROR RenameInPlace(const std::string& newName, bool rekey, void** cookie);
+    // A name for a node on its way to another folder, used by no one else.
+    std::string TransitName() const;
+    // Moves the remote item into `newParent`, under its transit name when
+    // `renaming`; `record` receives its new record. A node never stored
+    // remotely moves only in the tree.
+    AERROR MoveRemote(const std::shared_ptr<File>& newParent, bool renaming, _FS_FILE_V2& record);
     // Forgets the node's children so that the folder is listed again.
     void ForgetChildren();
     // Indexes `node` on the root when the protocol reports changes itself.
@@ -319,11 +333,12 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     std::atomic<bool> listed_{false};
     std::mutex jobLock_;
     std::deque<std::shared_ptr<_ASYNCJOB>> jobs_;
-    bool jobRunning_ = false;  // the front job runs; guarded by jobLock_
-    bool renaming_ = false;    // guarded by jobLock_
+    std::shared_ptr<_ASYNCJOB> runningJob_;  // guarded by jobLock_
     std::condition_variable jobsDone_;
-    // Set by CancelUploadings: the running upload's source fails at once.
-    std::atomic<bool> uploadCanceled_{false};
+    // Serialises changes of the node's remote name or place (rename, move)
+    // with the start and the end of its uploads. Lookups never take it, and
+    // it is never held while data is sent.
+    std::mutex placeLock_;
     std::atomic<bool> removed_{false};
     // Counts changes of the content, so that an upload knows whether what it
     // sent is still the latest.

@@ -158,10 +158,13 @@ AERROR File::RenameFile(std::shared_ptr<File>, const char* newName, bool notify)
     if (newName == nullptr || !IsAcceptableName(newName)) return INVALID_NAME;
     const std::wstring oldPath = BuildPath('\\');
     void* cookie = nullptr;
-    // Pending uploads are kept: they run under the new name.
-    BeginNamespaceChange();
-    const AERROR result = RenameInPlace(newName, true, &cookie);
-    EndNamespaceChange();
+    AERROR result;
+    {
+        // Uploads queued or running are kept and not waited for: they store
+        // the data under the new name.
+        std::lock_guard<std::mutex> place(placeLock_);
+        result = RenameInPlace(newName, true, &cookie);
+    }
     if (result == SUCCESS && notify) {
         const std::wstring newPath = BuildPath('\\');
         Notify(IsFolder() ? NE_RENAMEFOLDER : NE_RENAMEITEM, oldPath, &newPath);
@@ -204,12 +207,6 @@ AERROR File::RenameFile(std::shared_ptr<File> source, const std::string& newName
 AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParent,
                       std::string newName) {
     if (!newParent || parent_ == nullptr) return FAILED;
-    // Pending uploads are kept: they run in the new place.
-    BeginNamespaceChange();
-    struct EndChange {
-        File* node;
-        ~EndChange() { node->EndNamespaceChange(); }
-    } endChange{this};
     const std::string finalName = newName.empty() ? Name() : newName;
     if (!IsAcceptableName(finalName)) return INVALID_NAME;
     // Like rename(2), a move replaces an item of the same name.
@@ -218,47 +215,72 @@ AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParen
         const AERROR removed = target->Replace(*this, false);
         if (removed != SUCCESS) return removed;
     }
-
-    const std::string key = RemoteKey();
+    // Uploads queued or running are kept and not waited for: they store the
+    // data in the new place.
+    std::lock_guard<std::mutex> place(placeLock_);
+    const std::string oldName = Name();
     _FS_FILE_V2 record(*Info());
-    void* cookie = nullptr;
-    if (protocol_ && !key.empty()) {
-        record.key = key;
-        const std::string newParentKey = newParent->Key();
-        const AERROR result =
-            IsFolder() ? protocol_->MoveFolder(key.c_str(), newParentKey.c_str(), &record, &cookie)
-                       : protocol_->MoveItem(key.c_str(), newParentKey.c_str(), &record, &cookie);
-        if (result != SUCCESS) {
-            ReportError(FSEVENT_MOVE_FAILED, result, cookie);
-            Release(protocol_.get(), cookie);
-            return result;
-        }
-        if (!IsAcceptableName(record.name)) record.name = Name();
-    }
-    Release(protocol_.get(), cookie);
-    cookie = nullptr;
-
-    Parent()->RemoveChild(Name().c_str(), false);
+    AERROR result = MoveRemote(newParent, finalName != oldName, record);
+    if (result != SUCCESS) return result;
+    Parent()->RemoveChild(oldName.c_str(), false);
     if (IsFolder()) ForgetChildren();
     SetParent(newParent.get());
+    record.name = oldName;
     Update(&record, false, false);
-
-    AERROR result = SUCCESS;
-    if (finalName != Name()) {
+    if (finalName != oldName) {
         const std::wstring oldPath = BuildPath('\\');
+        void* cookie = nullptr;
         result = RenameInPlace(finalName, false, &cookie);
+        Release(protocol_.get(), cookie);
         if (result == SUCCESS) {
             const std::wstring newPath = BuildPath('\\');
             Notify(IsFolder() ? NE_RENAMEFOLDER : NE_RENAMEITEM, oldPath, &newPath);
         }
-        Release(protocol_.get(), cookie);
     }
-    // The node now lives in its new folder, renamed or not: the remote move
-    // succeeded.
+    // The node now lives in its new folder: the remote move succeeded.
     newParent->AddChild(self, false);
     if (auto sink = GetFSEvent()) {
         sink->Notice(FSNOTICE_RENAMED, BuildLocalPathA('/').c_str(), BuildOriginPathA().c_str(),
                      BuildPathForPrint('/', false).c_str());
     }
+    return result;
+}
+
+std::string File::TransitName() const {
+    return ".skarvo-move-" + std::to_string(serial_);
+}
+
+AERROR File::MoveRemote(const std::shared_ptr<File>& newParent, bool renaming,
+                        _FS_FILE_V2& record) {
+    const std::string key = RemoteKey();
+    if (!protocol_ || key.empty()) return SUCCESS;
+    record.key = key;
+    const std::string parentKey = Parent()->Key();
+    void* cookie = nullptr;
+    AERROR result = SUCCESS;
+    // A move that renames goes through a name no one uses, so that the move
+    // never replaces an item that holds the old name in the new folder.
+    if (renaming) {
+        record.name = TransitName();
+        result = protocol_->RenameItem(key.c_str(), parentKey.c_str(), &record, &cookie);
+        if (result != SUCCESS) ReportError(FSEVENT_RENAME_FAILED, result, cookie);
+    }
+    if (result == SUCCESS) {
+        const std::string from = record.key;
+        const std::string newParentKey = newParent->Key();
+        result = IsFolder()
+                     ? protocol_->MoveFolder(from.c_str(), newParentKey.c_str(), &record, &cookie)
+                     : protocol_->MoveItem(from.c_str(), newParentKey.c_str(), &record, &cookie);
+        if (result != SUCCESS) ReportError(FSEVENT_MOVE_FAILED, result, cookie);
+        if (result != SUCCESS && renaming) {
+            _FS_FILE_V2 back(record);
+            back.key = from;
+            back.name = Name();
+            void* backCookie = nullptr;
+            protocol_->RenameItem(from.c_str(), parentKey.c_str(), &back, &backCookie);
+            Release(protocol_.get(), backCookie);
+        }
+    }
+    Release(protocol_.get(), cookie);
     return result;
 }

@@ -1,0 +1,45 @@
+#include "data/upload_place.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <set>
+
+#include "tree/file.h"
+
+namespace {
+
+std::mutex placesMutex;
+std::condition_variable placesFreed;
+std::set<std::string> heldPlaces;  // guarded by placesMutex
+
+std::string KeyOf(const UploadPlace& place) {
+    // Names in one folder are unique once folded, as the tree keys them.
+    return std::to_string(reinterpret_cast<uintptr_t>(place.protocol)) + '\n' + place.parentKey +
+           '\n' + FoldName(place.name);
+}
+
+}  // namespace
+
+UploadPlaceReservation::UploadPlaceReservation(const UploadPlace& place,
+                                               const std::atomic<bool>& canceled)
+    : key_(KeyOf(place)) {
+    std::unique_lock<std::mutex> lock(placesMutex);
+    while (!canceled.load()) {
+        if (heldPlaces.insert(key_).second) {
+            held_ = true;
+            return;
+        }
+        // Polled as well, so that a cancel ends the wait.
+        placesFreed.wait_for(lock, std::chrono::milliseconds(50));
+    }
+}
+
+UploadPlaceReservation::~UploadPlaceReservation() {
+    if (!held_) return;
+    {
+        std::lock_guard<std::mutex> lock(placesMutex);
+        heldPlaces.erase(key_);
+    }
+    placesFreed.notify_all();
+}
