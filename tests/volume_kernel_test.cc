@@ -163,6 +163,37 @@ TEST_F(VolumeKernelTest, EditsRenamesAndDeletesLeaveTheRemoteAsADiskWould) {
     EXPECT_TRUE(protocol_->Exists("/a"));
 }
 
+TEST_F(VolumeKernelTest, RenamesFollowRenameTwoAndRefusalsKeepTheirErrno) {
+    protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_REPORTS_CHANGES);
+    protocol_->AddFile("/m/a/b/c/x.txt", "hi");
+    protocol_->AddFile("/full/keep.txt", "keep");
+    protocol_->AddFolder("/empty");
+    protocol_->AddFolder("/src/dir");
+    protocol_->AddFile("/src/file", "f");
+    Up();
+    auto Rename = [&](const std::string& from, const std::string& to) {
+        return rename(At(from).c_str(), At(to).c_str()) == 0 ? 0 : errno;
+    };
+    // A folder moved, then read at once.
+    ASSERT_EQ(RunProgram({"ls", "-R", At("/m")}), 0);
+    ASSERT_EQ(Rename("/m/a/b", "/m/b2"), 0);
+    EXPECT_EQ(ReadFile(At("/m/b2/c/x.txt")), "hi");
+    // The destination is the final name; what rename(2) refuses is untouched.
+    EXPECT_EQ(Rename("/src/dir", "/full"), ENOTEMPTY);
+    EXPECT_TRUE(protocol_->Exists("/full/keep.txt"));
+    EXPECT_EQ(Rename("/src/file", "/empty"), EISDIR);
+    EXPECT_EQ(Rename("/src/dir", "/src/file"), ENOTDIR);
+    EXPECT_EQ(Rename("/src/dir", "/empty"), 0);
+    EXPECT_TRUE(protocol_->IsFolder("/empty"));
+    EXPECT_FALSE(protocol_->Exists("/src/dir"));
+    EXPECT_FALSE(protocol_->Exists("/empty/dir"));
+    // What the volume cannot store is not permitted, not an I/O error.
+    EXPECT_EQ(mkdir((At("/") + std::string(256, 'n')).c_str(), 0755) == 0 ? 0 : errno,
+              ENAMETOOLONG);
+    EXPECT_EQ(mkfifo(At("/fifo").c_str(), 0644) == 0 ? 0 : errno, EPERM);
+    EXPECT_EQ(chown(At("/src/file").c_str(), getuid() + 1, getgid()) == 0 ? 0 : errno, EPERM);
+}
+
 TEST_F(VolumeKernelTest, SaveByRenameLeavesOneFileWithTheNewContent) {
     protocol_->AddFile("/doc.txt", "old content");
     Up();
