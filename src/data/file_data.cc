@@ -1,4 +1,5 @@
 // Opening, reading and writing a node's data, and changing its length.
+#include <algorithm>
 #include <cstring>
 #include <thread>
 
@@ -410,7 +411,10 @@ AERROR File::ftruncate(const std::string&, long long size) {
     std::shared_lock<std::shared_mutex> content(contentLock_);
     UpdateLastWrite();
     if (auto cacheObject = CacheObject()) {
-        cacheObject->Reopen('w', size, this);
+        // Opened for writing at the size it has, so that the new size is a
+        // local change: bytes past the old end read as zeros, never as
+        // remote content.
+        cacheObject->Reopen('w', Info()->size, this);
         if (cacheObject->SetSize(size) != SUCCESS) return SUCCESS;
     }
     // An empty file is never fetched: it keeps no remote identity. The
@@ -424,7 +428,9 @@ void File::Resize(long long size, bool forgetRemoteContent) {
         std::lock_guard<std::mutex> lock(dataMutex_);
         auto next = std::make_shared<_FS_FILE_EXT>(*Info());
         next->size = size;
-        fetchableSize_ = size;
+        // A file made longer reads zeros past its old end: only what is
+        // below both ends may come from the remote.
+        fetchableSize_ = std::min(fetchableSize_, static_cast<int64_t>(size));
         if (forgetRemoteContent) next->key.clear();
         PublishInfo(next);
     }

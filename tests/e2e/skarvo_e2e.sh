@@ -107,7 +107,14 @@ case_copies() {
 
 case_edits() {
   printf '0123456789' > "$REMOTE/middle.txt"
+  printf 'ABCDEFGHIJ' > "$REMOTE/regrown.txt"
   up
+  # Made shorter, then longer again: the new bytes are zeros, never the
+  # remote's old ones.
+  truncate -s 4 "$MNT/regrown.txt"
+  truncate -s 8 "$MNT/regrown.txt"
+  [ "$(od -An -c "$MNT/regrown.txt")" = "$(printf 'ABCD\0\0\0\0' | od -An -c)" ] \
+    || fail "regrown.txt reads $(od -An -c "$MNT/regrown.txt")"
   echo first > "$MNT/f.txt"
   echo second >> "$MNT/f.txt"
   truncate -s 3 "$MNT/f.txt"
@@ -134,6 +141,7 @@ case_edits() {
   [ "$(cat "$REMOTE/f.txt" | od -An -c | tr -s ' ')" = "$(printf 'fir\0\0' | od -An -c | tr -s ' ')" ] \
     || fail "f.txt holds $(od -An -c "$REMOTE/f.txt")"
   [ "$(cat "$REMOTE/middle.txt")" = "0123XY6789" ] || fail "middle.txt"
+  [ "$(od -An -c "$REMOTE/regrown.txt")" = "$(printf 'ABCD\0\0\0\0' | od -An -c)" ] || fail "regrown.txt"
   [ "$(cat "$REMOTE/a/b/c/deep.txt")" = "deep" ] || fail "deep.txt"
   [ "$(cat "$REMOTE/a/m3.txt")" = "moving" ] || fail "moved file"
   [ "$(cat "$REMOTE/a/b/folder/in.txt")" = "in" ] || fail "moved folder"
