@@ -27,6 +27,7 @@ failed=0
 cleanup() {
   [ -n "$PID" ] && kill -TERM "$PID" 2>/dev/null && sleep 1
   grep -q " $MNT " /proc/mounts && umount -l "$MNT"
+  grep -q " $CACHE " /proc/mounts && umount -l "$CACHE"
   [ -n "${KEEP:-}" ] || rm -rf "$WORK"
 }
 trap cleanup EXIT
@@ -69,6 +70,7 @@ same_file() { [ "$(sha256sum < "$1")" = "$(sha256sum < "$2")" ] || fail "$1 and 
 run_case() {
   local name=$1
   if [ "${#ONLY[@]}" -gt 0 ] && [[ ! " ${ONLY[*]} " =~ " $name " ]]; then return; fi
+  grep -q " $CACHE " /proc/mounts && umount -l "$CACHE"
   rm -rf "$REMOTE" "$CACHE"
   mkdir -p "$REMOTE"
   echo "== $name"
@@ -83,6 +85,7 @@ run_case() {
     failed=$((failed + 1))
     [ -n "$PID" ] && kill -TERM "$PID" 2>/dev/null
     grep -q " $MNT " /proc/mounts && umount -l "$MNT"
+  grep -q " $CACHE " /proc/mounts && umount -l "$CACHE"
     tail -20 "$WORK/skarvo.log" 2>/dev/null
   fi
   PID=
@@ -246,6 +249,29 @@ case_cache_limit() {
   same_file "$WORK/unsent.bin" "$REMOTE/unsent.bin"
 }
 
+# A length typed by mistake neither grows memory nor fills the cache disk.
+# The cache sits on a 64 MiB tmpfs, so that a regression cannot fill the
+# machine's disk either.
+case_huge_length() {
+  mkdir -p "$CACHE"
+  mount -t tmpfs -o size=64m skarvo-e2e "$CACHE"
+  up
+  local status=0
+  truncate -s 999999999999999 "$MNT/huge" 2> "$WORK/truncate.err" || status=$?
+  if [ "$status" -ne 0 ]; then
+    grep -q "File too large" "$WORK/truncate.err" || fail "truncate: $(cat "$WORK/truncate.err")"
+  fi
+  sleep 1
+  local rss
+  rss=$(awk '/^VmRSS/ {print $2}' "/proc/$PID/status")
+  [ "$rss" -lt $((100 * 1024)) ] || fail "skarvo holds ${rss} KiB"
+  [ "$(du -sk "$CACHE" | cut -f1)" -lt $((64 * 1024)) ] || fail "the cache grew"
+  echo still > "$MNT/other.txt"
+  down
+  umount "$CACHE"
+  [ "$(cat "$REMOTE/other.txt")" = "still" ] || fail "the volume stopped working"
+}
+
 case_remote_changes() {
   echo before > "$REMOTE/old.txt"
   echo '{"fs": {"changes": "1000"}}' > "$WORK/config.json"
@@ -261,7 +287,7 @@ case_remote_changes() {
   down
 }
 
-for name in copies edits git tar rsync sqlite cache_limit remote_changes; do
+for name in copies edits git tar rsync sqlite cache_limit huge_length remote_changes; do
   run_case "$name"
 done
 echo "$passed passed, $failed failed"
