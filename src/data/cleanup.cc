@@ -92,6 +92,12 @@ AERROR File::Cleanup(_FS_HANDLE_EXT* handle, bool deleting, IExportService* expo
         std::lock_guard<std::mutex> lock(jobLock_);
         busy = !jobs_.empty() || runningJob_ != nullptr;
     }
-    if (!busy && !handles_.HasAnyOpened()) CloseCache();
+    if (!busy && !handles_.HasAnyOpened()) {
+        if (IsRemoved()) {
+            DropContent();
+        } else {
+            CloseCache();
+        }
+    }
     return result;
 }

@@ -30,6 +30,9 @@ ExportServiceFUSE* Service() {
 int FUSE_getattr(const char* path, struct stat* st) {
     return Service()->getattr(path, st);
 }
+int FUSE_fgetattr(const char* path, struct stat* st, fuse_file_info* fi) {
+    return Service()->fgetattr(path, st, fi);
+}
 int FUSE_mknod(const char* path, mode_t mode, dev_t dev) {
     return Service()->mknod(path, mode, dev);
 }
@@ -176,6 +179,8 @@ ExportServiceFUSE::~ExportServiceFUSE() {
 void ExportServiceFUSE::FillOperations(fuse_operations* operations) {
     memset(operations, 0, sizeof *operations);
     operations->getattr = FUSE_getattr;
+    // By handle: a file unlinked while open has no path any more.
+    operations->fgetattr = FUSE_fgetattr;
     operations->mknod = FUSE_mknod;
     operations->mkdir = FUSE_mkdir;
     operations->unlink = FUSE_unlink;
@@ -370,6 +375,12 @@ int ExportServiceFUSE::Call(const char* callback, const char* path, Body&& body)
 int ExportServiceFUSE::getattr(const char* path, struct stat* st) {
     return Call("FUSE_getattr", path, [&](IFileSystemImpl* fs, std::string process) {
         return fs->GetAttr(path, st, std::move(process));
+    });
+}
+
+int ExportServiceFUSE::fgetattr(const char*, struct stat* st, fuse_file_info* fi) {
+    return Call("FUSE_fgetattr", "", [&](IFileSystemImpl* fs, std::string process) {
+        return fs->GetAttrByHandle(fi->fh, st, std::move(process));
     });
 }
 

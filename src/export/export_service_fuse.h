@@ -44,6 +44,7 @@ class ExportServiceFUSE : public ExportService {
 
     // The callbacks, one per FUSE operation.
     int getattr(const char* path, struct stat* st);
+    int fgetattr(const char* path, struct stat* st, fuse_file_info* fi);
     int mknod(const char* path, mode_t mode, dev_t dev);
     int mkdir(const char* path, mode_t mode);
     int unlink(const char* path);

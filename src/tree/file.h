@@ -277,6 +277,14 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Renames the node (the remote item first when it has one) and, when
     // `rekey`, its entry in the parent's child map.
     AERROR RenameInPlace(const std::string& newName, bool rekey, void** cookie);
+    // Fetches what the cache lacks of the file, so that it stays readable
+    // after the remote item is deleted.
+    AERROR KeepContentLocally();
+    // Detaches a deleted, still open file from the remote and from its name
+    // in the cache; its content goes when the last handle closes.
+    void SetAside();
+    // Forgets the cached content, unsent data included.
+    void DropContent();
     // A name for a node on its way to another folder, used by no one else.
     std::string TransitName() const;
     // Moves the remote item into `newParent`, under its transit name when

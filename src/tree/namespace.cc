@@ -43,6 +43,13 @@ AERROR File::unlink(bool lock) {
     // and wait, so that an upload that ended in time is deleted too.
     CancelUploadings();
     WaitAsyncJobs();
+    // A file still open keeps its content after the delete, as on a local
+    // disk: what is only on the remote is brought into the cache first.
+    const bool open = !IsFolder() && handles_.HasAnyOpened();
+    if (open) {
+        const AERROR kept = KeepContentLocally();
+        if (kept != SUCCESS) return kept;
+    }
     _FS_FILE_V2 record(*Info());
     record.key = RemoteKey();
     AERROR result = SUCCESS;
@@ -66,15 +73,49 @@ AERROR File::unlink(bool lock) {
     if (!record.key.empty()) GetRootFile()->RemoveHash(record.key);
     Detach();
     // The item is gone: so is whatever the cache held of it, written data
-    // that was never uploaded included.
-    if (!IsFolder()) {
-        auto cacheObject = CacheObject();
-        if (cacheObject) cacheObject->Discard();
-        CloseCache();
+    // that was never uploaded included; once its last handle closes, if it
+    // is still open.
+    if (open) {
+        SetAside();
+    } else if (!IsFolder()) {
+        DropContent();
     }
     Release(protocol_.get(), cookie);
     UpdateFreeSpace();
     return SUCCESS;
+}
+
+AERROR File::KeepContentLocally() {
+    if (Info()->key.empty()) return SUCCESS;
+    if (!CacheObject()) OpenCache('r');
+    auto cacheObject = CacheObject();
+    if (!cacheObject) return FILE_READ_FAILED;
+    auto handle = JobHandle(nullptr);
+    handle->context = GetContext();
+    cacheObject->Reopen('w', Info()->size, this);
+    return cacheObject->FillUnwritten(handle);
+}
+
+void File::SetAside() {
+    std::string oldKey;
+    const std::wstring aside = L"\\.skarvo-removed-" + std::to_wstring(serial_);
+    {
+        std::lock_guard<std::mutex> lock(dataMutex_);
+        // Nothing is fetched any more: the remote item is gone.
+        auto next = std::make_shared<_FS_FILE_EXT>(*Info());
+        next->key.clear();
+        fetchableSize_ = 0;
+        PublishInfo(next);
+        oldKey = cacheKey_;
+        if (!oldKey.empty()) cacheKey_ = CacheKey(aside);
+    }
+    // The name is free for a new file, whose cache entry must not be this one.
+    if (!oldKey.empty()) Rehash(oldKey, aside, "");
+}
+
+void File::DropContent() {
+    if (auto cacheObject = CacheObject()) cacheObject->Discard();
+    CloseCache();
 }
 
 AERROR File::Replace(const File& source, bool lock) {
