@@ -244,8 +244,8 @@ TEST(MountArgumentsTest, BothPlatformListsAreExact) {
                                           "-ohard_remove",
                                           "-ovolname=My Drive"};
     EXPECT_EQ(BuildMountArguments(parameter, MountPlatform::kMacOS), mac);
-    const std::vector<std::string> linux = {"skarvo",         "/Volumes/Drive", "-ofsname=skfs",
-                                            "-osubtype=skfs", "-ohard_remove",  "-obig_writes"};
+    const std::vector<std::string> linux = {"skarvo", "/Volumes/Drive", "-ofsname=skfs",
+                                            "-osubtype=skfs", "-obig_writes"};
     EXPECT_EQ(BuildMountArguments(parameter, MountPlatform::kLinux), linux);
 
     parameter.type = MT_READ_ONLY;
@@ -256,7 +256,7 @@ TEST(MountArgumentsTest, BothPlatformListsAreExact) {
     EXPECT_EQ(macReadOnly[9], "-ovolname=");
     EXPECT_EQ(macReadOnly.back(), "-oro");
     auto linuxReadOnly = BuildMountArguments(parameter, MountPlatform::kLinux);
-    ASSERT_EQ(linuxReadOnly.size(), 8u);
+    ASSERT_EQ(linuxReadOnly.size(), 7u);
     EXPECT_EQ(linuxReadOnly[6], "-oallow_other");
     EXPECT_EQ(linuxReadOnly.back(), "-oro");
 }

@@ -17,7 +17,11 @@ std::vector<std::string> BuildMountArguments(const MountParameter& parameter,
         // spellings of a name are one node; with the serial as inode number
         // they would show one inode, and mv refuses to rename a file onto
         // itself, so a case-only rename ("mv a.txt A.TXT") could not be made.
-        arguments.insert(arguments.end(), {"-osubtype=skfs", "-ohard_remove", "-obig_writes"});
+        //
+        // No hard_remove: a file unlinked while open is renamed to a hidden
+        // name (and the library deletes the remote item then), so that it
+        // keeps a path and fstat(2) of it still works.
+        arguments.insert(arguments.end(), {"-osubtype=skfs", "-obig_writes"});
         if (parameter.allowOther) arguments.push_back("-oallow_other");
     }
     if ((parameter.type & MT_READ_ONLY) != 0) arguments.push_back("-oro");

@@ -176,6 +176,8 @@ class FileSystem final : public IFileSystemImpl,
         std::shared_ptr<File> target;  // what the rename replaces, if anything
     };
     int PlanRename(const char* from, const char* to, RenamePlan& plan);
+    // libfuse's rename of a file unlinked while open to a hidden name.
+    int Hide(const char* from, const char* to, std::string process);
     // Logs an operation's outcome and converts it for FUSE.
     int Outcome(const char* operation, AERROR result, const std::string& process, const char* path);
     // Asks the protocol of `entry` for remote changes when it reports them

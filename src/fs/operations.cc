@@ -279,6 +279,7 @@ int FileSystem::RemoveDir(const char* path, std::string process) {
 
 int FileSystem::Rename(const char* from, const char* to, std::string process) {
     LOG_REQUEST("%s : %s to %s", "Rename", from, to);
+    if (IsHiddenByFuse(GetObjectName(to, "\\/"))) return Hide(from, to, process);
     RenamePlan plan;
     int refusal = PlanRename(from, to, plan);
     AERROR result = SUCCESS;
@@ -301,6 +302,14 @@ int FileSystem::Rename(const char* from, const char* to, std::string process) {
              "[FILESYSTEM] [%s:%s] %s => %s : %s to %s", letter_.c_str(), process.c_str(), "Rename",
              refusal != 0 ? strerror(-refusal) : GetAERRORA(result), from, to);
     return refusal;
+}
+
+int FileSystem::Hide(const char* from, const char* to, std::string process) {
+    const std::string exact = ToExactPath(from, false);
+    std::shared_ptr<File> node;
+    AERROR result = GetFile(exact.c_str(), node);
+    if (result == SUCCESS && node) result = node->Hide(GetObjectName(to, "\\/"));
+    return Outcome("Hide", result, process, from);
 }
 
 // Resolves both ends of a rename and applies rename(2)'s refusals; 0 or a

@@ -109,6 +109,10 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // only once it succeeded; a failure is reported to the event sink once.
     AERROR CreateDirectory(const char* name);
     AERROR unlink(bool lock);
+    // unlink(2) of a file that is still open, which libfuse turns into a
+    // rename to a hidden name it deletes at the last close: the remote item
+    // is deleted now, and the node lives on, unlisted, under `hiddenName`.
+    AERROR Hide(const std::string& hiddenName);
     // Removes this node, which `source` is about to replace under its name,
     // as rename(2) does: a file by a file, an empty folder by a folder.
     AERROR Replace(const File& source, bool lock);
@@ -277,6 +281,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Renames the node (the remote item first when it has one) and, when
     // `rekey`, its entry in the parent's child map.
     AERROR RenameInPlace(const std::string& newName, bool rekey, void** cookie);
+    // Deletes the remote item, stopping uploads first; with `keepContent`,
+    // the node keeps its content for the handles still open.
+    AERROR DeleteRemotely(bool keepContent);
     // Fetches what the cache lacks of the file, so that it stays readable
     // after the remote item is deleted.
     AERROR KeepContentLocally();

@@ -12,6 +12,10 @@ bool IsAcceptableName(const std::string& name) {
     return name.find_first_of(std::string("/\\\0", 3)) == std::string::npos;
 }
 
+bool IsHiddenByFuse(const std::string& name) {
+    return name.compare(0, 12, ".fuse_hidden") == 0;
+}
+
 namespace {
 
 // Logs once per remote item that a name with a backslash is left out.

@@ -25,6 +25,9 @@ struct _FS_FILE_EXT : _FS_FILE_V2 {
 // Whether a protocol's record may become a node: its name must be one path
 // component. Names come from remote servers and are not trusted.
 bool IsAcceptableName(const std::string& name);
+// Whether libfuse gave `name` to a file unlinked while open; such files are
+// never listed.
+bool IsHiddenByFuse(const std::string& name);
 // The same test for a whole record, logging the refusal.
 bool AcceptRecord(const _FS_FILE_V2& record);
 

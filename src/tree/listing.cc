@@ -115,6 +115,8 @@ void File::MergeListing(const Children& added, const Children& unseen) {
 bool File::HasEntries() {
     std::lock_guard<std::recursive_mutex> lock(childLock_);
     for (const auto& [folded, child] : children_) {
+        // A file unlinked while open is gone already.
+        if (child->IsRemoved()) continue;
         if (folded != ".ql_disablethumbnails" && folded != ".ql_disablecache") return true;
         if (!child->Key().empty() || child->Info()->size != 0) return true;
     }
@@ -129,6 +131,7 @@ bool File::HasAnyOpenedChildHandle() {
             children.push_back(entry.second);
     }
     for (const auto& child : children) {
+        if (child->IsRemoved()) continue;
         if (child->handles_.HasAnyOpened() || child->HasAnyOpenedChildHandle()) return true;
     }
     return false;
@@ -154,7 +157,7 @@ AERROR File::readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out) {
         out.push_back(entry);
         for (const auto& [folded, child] : children_) {
             entry.name = child->Name();
-            if (entry.name == "." || entry.name == "..") continue;
+            if (entry.name == "." || entry.name == ".." || IsHiddenByFuse(entry.name)) continue;
             child->getattr(&entry.st);
             out.push_back(entry);
         }

@@ -39,14 +39,40 @@ AERROR File::CreateDirectory(const char* name) {
 }
 
 AERROR File::unlink(bool lock) {
+    const bool open = !IsFolder() && handles_.HasAnyOpened();
+    const std::string key = RemoteKey();
+    const AERROR result = DeleteRemotely(open);
+    if (result != SUCCESS) return result;
+    if (Parent() != nullptr) Parent()->RemoveChild(Name().c_str(), lock);
+    if (!key.empty()) GetRootFile()->RemoveHash(key);
+    Detach();
+    // The item is gone: so is whatever the cache held of it, written data
+    // that was never uploaded included; once its last handle closes, if it
+    // is still open.
+    if (!open && !IsFolder()) DropContent();
+    UpdateFreeSpace();
+    return SUCCESS;
+}
+
+AERROR File::Hide(const std::string& hiddenName) {
+    const std::string key = RemoteKey();
+    const AERROR result = DeleteRemotely(true);
+    if (result != SUCCESS) return result;
+    if (!key.empty()) GetRootFile()->RemoveHash(key);
+    // Only the tree knows the hidden name: the remote item is gone.
+    void* cookie = nullptr;
+    std::lock_guard<std::recursive_mutex> lock(*Parent()->GetChildLock());
+    return RenameInPlace(hiddenName, true, &cookie);
+}
+
+AERROR File::DeleteRemotely(bool keepContent) {
     // An upload must not bring the item back once it is deleted: stop it,
     // and wait, so that an upload that ended in time is deleted too.
     CancelUploadings();
     WaitAsyncJobs();
     // A file still open keeps its content after the delete, as on a local
     // disk: what is only on the remote is brought into the cache first.
-    const bool open = !IsFolder() && handles_.HasAnyOpened();
-    if (open) {
+    if (keepContent) {
         const AERROR kept = KeepContentLocally();
         if (kept != SUCCESS) return kept;
     }
@@ -61,27 +87,13 @@ AERROR File::unlink(bool lock) {
             result = protocol_->DeleteItem(&record, &cookie);
         }
     }
-    if (result != SUCCESS) {
-        ReportError(FSEVENT_DELETE_FAILED, result, cookie);
-        Release(protocol_.get(), cookie);
-        return result;
-    }
+    if (result != SUCCESS) ReportError(FSEVENT_DELETE_FAILED, result, cookie);
+    Release(protocol_.get(), cookie);
+    if (result != SUCCESS) return result;
     // Still open, the file is written and closed as usual, but never
     // uploaded again: that would bring it back.
     removed_ = true;
-    if (Parent() != nullptr) Parent()->RemoveChild(record.name.c_str(), lock);
-    if (!record.key.empty()) GetRootFile()->RemoveHash(record.key);
-    Detach();
-    // The item is gone: so is whatever the cache held of it, written data
-    // that was never uploaded included; once its last handle closes, if it
-    // is still open.
-    if (open) {
-        SetAside();
-    } else if (!IsFolder()) {
-        DropContent();
-    }
-    Release(protocol_.get(), cookie);
-    UpdateFreeSpace();
+    if (keepContent) SetAside();
     return SUCCESS;
 }
 
@@ -104,6 +116,7 @@ void File::SetAside() {
         // Nothing is fetched any more: the remote item is gone.
         auto next = std::make_shared<_FS_FILE_EXT>(*Info());
         next->key.clear();
+        remoteKey_.clear();
         fetchableSize_ = 0;
         PublishInfo(next);
         oldKey = cacheKey_;
