@@ -257,7 +257,7 @@ TEST(MountArgumentsTest, BothPlatformListsAreExact) {
     EXPECT_EQ(macReadOnly.back(), "-oro");
     auto linuxReadOnly = BuildMountArguments(parameter, MountPlatform::kLinux);
     ASSERT_EQ(linuxReadOnly.size(), 7u);
-    EXPECT_EQ(linuxReadOnly[6], "-oallow_other");
+    EXPECT_EQ(linuxReadOnly[5], "-oallow_other");
     EXPECT_EQ(linuxReadOnly.back(), "-oro");
 }
 
