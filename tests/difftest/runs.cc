@@ -56,13 +56,19 @@ Shrunk shrink(Target& volume, Target& reference, RunDirs& dirs, const std::vecto
     auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
     Shrunk best;
     if (!try_candidate(volume, reference, dirs, ops, &best)) return best;  // no longer fails
-    for (size_t chunk = best.run.ops.size() / 2; chunk >= 1; chunk /= 2) {
+    // Halving chunks, then single operations again while that helps: a
+    // failure that depends on timing may let go of an operation only later.
+    size_t chunk = std::max<size_t>(1, best.run.ops.size() / 2);
+    for (bool progress = true; progress && Clock::now() < deadline;) {
+        size_t before = best.run.ops.size();
         for (size_t i = 0; i < best.run.ops.size() && Clock::now() < deadline;) {
             std::vector<Op> candidate = best.run.ops;
             auto end = candidate.begin() + std::min(candidate.size(), i + chunk);
             candidate.erase(candidate.begin() + i, end);
             if (!try_candidate(volume, reference, dirs, std::move(candidate), &best)) i += chunk;
         }
+        progress = chunk > 1 || best.run.ops.size() < before;
+        chunk = std::max<size_t>(1, chunk / 2);
     }
     return best;
 }
