@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 
 #include "runs.h"
 #include "stress.h"
@@ -18,7 +19,7 @@ using namespace difftest;
 
 const char kUsage[] =
     "usage: difftest --volume DIR --reference DIR [--seed N] [--ops N] [--shrink-seconds S]\n"
-    "                [--save FILE]\n"
+    "                [--save FILE] [--avoid mmap,unlink-open]\n"
     "       difftest --volume DIR --reference DIR --replay FILE [--save FILE]\n"
     "       difftest --compare A B\n"
     "       difftest --volume DIR --reference DIR --stress WORKERS --seconds S --shared DIR"
@@ -30,7 +31,21 @@ struct Args {
     size_t ops = 1000;
     int stress = 0;
     double seconds = 20, shrink_seconds = 300;
+    Avoid avoid;
 };
+
+bool parse_avoid(const std::string& list, Avoid* avoid) {
+    std::stringstream in(list);
+    for (std::string item; std::getline(in, item, ',');) {
+        if (item == "mmap")
+            avoid->mmap = true;
+        else if (item == "unlink-open")
+            avoid->unlink_open = true;
+        else
+            return false;
+    }
+    return true;
+}
 
 bool parse(int argc, char** argv, Args* a) {
     static const option kOptions[] = {{"volume", required_argument, nullptr, 'v'},
@@ -44,6 +59,7 @@ bool parse(int argc, char** argv, Args* a) {
                                       {"shared", required_argument, nullptr, 'h'},
                                       {"save", required_argument, nullptr, 'o'},
                                       {"shrink-seconds", required_argument, nullptr, 'k'},
+                                      {"avoid", required_argument, nullptr, 'a'},
                                       {nullptr, 0, nullptr, 0}};
     int c;
     try {
@@ -78,6 +94,9 @@ bool parse(int argc, char** argv, Args* a) {
                     break;
                 case 'k':
                     a->shrink_seconds = std::stod(optarg);
+                    break;
+                case 'a':
+                    if (!parse_avoid(optarg, &a->avoid)) return false;
                     break;
                 case 'c':
                     if (optind >= argc) return false;
@@ -153,7 +172,7 @@ int run_mode(const Args& a) {
         run.failure = run_sequence(*volume, *reference, dirs.next(), run.ops);
     } else {
         what = "seed " + std::to_string(a.seed);
-        run = run_generated(*volume, *reference, dirs.next(), a.seed, a.ops);
+        run = run_generated(*volume, *reference, dirs.next(), a.seed, a.ops, a.avoid);
     }
     if (run.failure) return report(a, *volume, *reference, dirs, run, what);
     std::printf("%s: %zu operations, no difference\n", what.c_str(), run.ops.size());
@@ -171,7 +190,7 @@ int main(int argc, char** argv) {
     }
     if (!a.compare_a.empty()) return compare_mode(a);
     if (a.stress > 0) {
-        StressOptions o{a.volume, a.reference, a.shared, a.stress, a.seconds, a.seed};
+        StressOptions o{a.volume, a.reference, a.shared, a.stress, a.seconds, a.seed, a.avoid};
         return run_stress(o);
     }
     return run_mode(a);

@@ -172,6 +172,8 @@ Op Generator::rename(const std::vector<Entry>& entries, const Engine& engine) {
             break;
     }
     if (op.path2.empty()) op.path2 = name(is_folder);
+    if (avoid_.unlink_open && engine.holds_open_file(op.path2))
+        op.path2 = fresh_path(entries, is_folder);
     return op;
 }
 
@@ -187,7 +189,7 @@ Op Generator::next(const Engine& engine) {
             kind = k;
             break;
         }
-    if (kind == Kind::kMmap && !mmap_) kind = Kind::kPread;
+    if (kind == Kind::kMmap && avoid_.mmap) kind = Kind::kPread;
     bool slot_kind = kind == Kind::kClose || kind == Kind::kPwrite || kind == Kind::kWrite ||
                      kind == Kind::kFtruncate || kind == Kind::kPread || kind == Kind::kMmap ||
                      kind == Kind::kFsync;

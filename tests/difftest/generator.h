@@ -12,11 +12,19 @@
 
 namespace difftest {
 
+// What a run leaves out.
+struct Avoid {
+    // Mapped reads: in a folder that other processes truncate, a mapping
+    // could fault.
+    bool mmap = false;
+    // Unlinking, or renaming onto, a file that is open: to look past a
+    // known fault there.
+    bool unlink_open = false;
+};
+
 class Generator {
   public:
-    // Without mmap, no mapped reads: in a folder that other processes
-    // truncate, a mapping could fault.
-    explicit Generator(uint64_t seed, bool mmap = true) : rng_(seed), mmap_(mmap) {}
+    explicit Generator(uint64_t seed, Avoid avoid = {}) : rng_(seed), avoid_(avoid) {}
     Op next(const Engine& engine);
 
   private:
@@ -34,7 +42,7 @@ class Generator {
     Op rename(const std::vector<Entry>& entries, const Engine& engine);
 
     std::mt19937_64 rng_;
-    bool mmap_;
+    Avoid avoid_;
     int next_slot_ = 1;
 };
 

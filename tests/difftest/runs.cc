@@ -14,14 +14,14 @@ std::string RunDirs::next() {
 }
 
 Run run_generated(Target& volume, Target& reference, const std::string& dir, uint64_t seed,
-                  size_t count) {
+                  size_t count, Avoid avoid) {
     Run run;
     Engine engine(volume, &reference);
     if (auto diff = engine.begin(dir)) {
         run.failure = Failure{0, *diff};
         return run;
     }
-    Generator generator(seed);
+    Generator generator(seed, avoid);
     while (run.ops.size() < count) {
         run.ops.push_back(generator.next(engine));
         if (auto diff = engine.step(run.ops.back())) {

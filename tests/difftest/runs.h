@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "engine.h"
+#include "generator.h"
 #include "ops.h"
 
 namespace difftest {
@@ -31,7 +32,7 @@ struct Run {
 
 // Draws `count` operations from the seed and runs them in `dir`.
 Run run_generated(Target& volume, Target& reference, const std::string& dir, uint64_t seed,
-                  size_t count);
+                  size_t count, Avoid avoid = {});
 
 struct Shrunk {
     Run run;

@@ -52,7 +52,8 @@ int worker_main(const StressOptions& o, int k, Beat& beat) {
         std::printf("worker %d: %s\n", k, diff->c_str());
         return 1;
     }
-    Generator own_ops(o.seed * 1000 + k), common_ops(o.seed * 1000 + 500 + k, false);
+    Generator own_ops(o.seed * 1000 + k, o.avoid),
+        common_ops(o.seed * 1000 + 500 + k, Avoid{true, o.avoid.unlink_open});
     auto deadline = now_ms() + int64_t(o.seconds * 1000);
     while (now_ms() < deadline) {
         if (!timed_step(own, own_ops.next(own), beat, k, dir.c_str())) return 1;

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "generator.h"
+
 namespace difftest {
 
 struct StressOptions {
@@ -15,6 +17,7 @@ struct StressOptions {
     int workers = 4;
     double seconds = 20;
     uint64_t seed = 1;
+    Avoid avoid;
     double op_limit = 60;  // an operation that takes longer is reported as hung
 };
 

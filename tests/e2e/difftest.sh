@@ -4,8 +4,8 @@
 # from the same cache all hold what the reference folder holds.
 # Usage: difftest.sh SKARVO DIFFTEST [--seeds "1 2"] [--ops N] [--sync]
 #                    [--replay "FILE..."] [--stress WORKERS --seconds S]
-#                    [--save-dir DIR]
-# --sync mounts with --no-async-upload; --save-dir keeps each shrunk failing
+#                    [--save-dir DIR] [--avoid LIST]
+# --sync mounts with --no-async-upload; --avoid is handed to difftest; --save-dir keeps each shrunk failing
 # sequence there; DIFFTEST_SHRINK_SECONDS bounds the shrinking of each failure
 # (default 120). Needs root and /dev/fuse; exits 77 (skipped) without them.
 set -u
@@ -13,7 +13,7 @@ set -u
 SKARVO=$(realpath "$1")
 DIFFTEST=$(realpath "$2")
 shift 2
-SEEDS="1 2" OPS=2000 SYNC=() MODE=seeds REPLAY="" WORKERS=0 SECONDS_=20 SAVE_DIR=""
+SEEDS="1 2" OPS=2000 SYNC=() AVOID=() MODE=seeds REPLAY="" WORKERS=0 SECONDS_=20 SAVE_DIR=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --seeds) SEEDS=$2; shift 2 ;;
@@ -23,6 +23,7 @@ while [ $# -gt 0 ]; do
     --stress) MODE=stress WORKERS=$2; shift 2 ;;
     --seconds) SECONDS_=$2; shift 2 ;;
     --save-dir) SAVE_DIR=$(realpath "$2"); shift 2 ;;
+    --avoid) AVOID=(--avoid "$2"); shift 2 ;;
     *) echo "difftest.sh: unknown argument $1" >&2; exit 2 ;;
   esac
 done
@@ -115,7 +116,7 @@ run_seed() {
   up || return
   local save=()
   [ -n "$SAVE_DIR" ] && save=(--save "$SAVE_DIR/seed-$1${SYNC[*]:+-sync}.seq")
-  tester "seed $1" --seed "$1" --ops "$OPS" "${save[@]}"
+  tester "seed $1" --seed "$1" --ops "$OPS" "${AVOID[@]}" "${save[@]}"
   check_after "seed $1"
 }
 
@@ -131,7 +132,7 @@ run_stress() {
   up || return
   mkdir -p "$MNT/shared"
   tester "stress, $WORKERS workers, $SECONDS_ s" --stress "$WORKERS" --seconds "$SECONDS_" \
-    --shared "$MNT/shared" --seed "${SEEDS%% *}"
+    --shared "$MNT/shared" --seed "${SEEDS%% *}" "${AVOID[@]}"
   # The volume's last state, without the marker files, against the remote.
   cp -a "$MNT" "$WORK/snapshot" || fail "stress: the volume cannot be copied"
   find "$WORK/snapshot" -name '.ql_disable*' -delete
