@@ -5,9 +5,10 @@
 # Usage: difftest.sh SKARVO DIFFTEST [--seeds "1 2"] [--ops N] [--sync]
 #                    [--replay "FILE..."] [--stress WORKERS --seconds S]
 #                    [--save-dir DIR] [--avoid LIST]
-# --sync mounts with --no-async-upload; --avoid is handed to difftest; --save-dir keeps each shrunk failing
-# sequence there; DIFFTEST_SHRINK_SECONDS bounds the shrinking of each failure
-# (default 120). Needs root and /dev/fuse; exits 77 (skipped) without them.
+# --sync mounts with --no-async-upload; --avoid is handed to difftest;
+# --save-dir keeps each shrunk failing sequence there; DIFFTEST_SHRINK_SECONDS
+# bounds the shrinking of each failure (default 120). Needs root and
+# /dev/fuse; exits 77 (skipped) without them.
 set -u
 
 SKARVO=$(realpath "$1")
