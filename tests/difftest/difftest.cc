@@ -135,7 +135,7 @@ int report(const Args& a, Target& volume, Target& reference, RunDirs& dirs, cons
                 f.message.c_str());
     std::printf("shrinking %zu operations...\n", run.ops.size());
     std::fflush(stdout);
-    Shrunk shrunk = shrink(volume, reference, dirs, run.ops, a.shrink_seconds);
+    Shrunk shrunk = shrink(volume, reference, dirs, run, a.shrink_seconds, a.avoid);
     if (!shrunk.run.failure) {
         std::printf("the failure did not come back when replayed; the sequence that failed:\n");
         shrunk.run = run;
@@ -169,7 +169,7 @@ int run_mode(const Args& a) {
         }
         what = "replay of " + a.replay;
         run.ops = *ops;
-        run.failure = run_sequence(*volume, *reference, dirs.next(), run.ops);
+        run.failure = run_sequence(*volume, *reference, dirs.next(), run.ops, a.avoid);
     } else {
         what = "seed " + std::to_string(a.seed);
         run = run_generated(*volume, *reference, dirs.next(), a.seed, a.ops, a.avoid);

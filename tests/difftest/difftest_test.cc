@@ -110,12 +110,12 @@ void expect_caught_and_shrunk(const std::string& root, Target& reference) {
         run = run_generated(volume, reference, dirs.next(), seed, 3000);
     ASSERT_TRUE(run.failure) << "the fault went unnoticed";
 
-    Shrunk shrunk = shrink(volume, reference, dirs, run.ops, 120);
+    Shrunk shrunk = shrink(volume, reference, dirs, run, 120);
     ASSERT_TRUE(shrunk.run.failure);
-    EXPECT_LE(shrunk.run.ops.size(), 6u);
-
     std::stringstream text;
     write_sequence(text, shrunk.run.ops);
+    EXPECT_LE(shrunk.run.ops.size(), 6u) << text.str();
+
     std::string bad;
     auto replayed = read_sequence(text, &bad);
     ASSERT_TRUE(replayed) << bad;

@@ -9,13 +9,6 @@
 namespace difftest {
 namespace {
 
-bool same_folded(const std::string& a, const std::string& b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) ==
-                      std::tolower(static_cast<unsigned char>(y));
-           });
-}
-
 bool under(const std::string& path, const std::string& folder) {
     return path.size() > folder.size() && path[folder.size()] == '/' &&
            same_folded(path.substr(0, folder.size()), folder);
@@ -96,6 +89,13 @@ bool uses_slot(Kind kind) {
 }
 
 }  // namespace
+
+bool same_folded(const std::string& a, const std::string& b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
+}
 
 std::string Engine::full(const std::string& path) const {
     if (path.empty()) return dir_;
@@ -256,8 +256,8 @@ std::vector<Entry> Engine::entries() const {
 }
 
 std::optional<Failure> run_sequence(Target& volume, Target& reference, const std::string& dir,
-                                    const std::vector<Op>& ops) {
-    Engine engine(volume, &reference);
+                                    const std::vector<Op>& ops, Avoid avoid) {
+    Engine engine(volume, &reference, avoid);
     if (auto diff = engine.begin(dir)) return Failure{0, *diff};
     for (size_t i = 0; i < ops.size(); ++i)
         if (auto diff = engine.step(ops[i])) return Failure{i, *diff};

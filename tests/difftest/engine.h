@@ -20,6 +20,16 @@ struct Slot {
     std::string path;  // where the file is now; empty once unlinked
 };
 
+// What a run leaves out.
+struct Avoid {
+    // Mapped reads: in a folder that other processes truncate, a mapping
+    // could fault.
+    bool mmap = false;
+    // Unlinking, or renaming onto, a file that is open: to look past a
+    // known fault there.
+    bool unlink_open = false;
+};
+
 struct Entry {
     std::string path;
     bool folder = false;
@@ -34,7 +44,8 @@ class Engine {
   public:
     // Without a reference, operations run on the volume alone and nothing is
     // compared (the shared folder of the stress mode).
-    Engine(Target& volume, Target* reference) : volume_(volume), reference_(reference) {}
+    Engine(Target& volume, Target* reference, Avoid avoid = {})
+        : volume_(volume), reference_(reference), avoid_(avoid) {}
 
     // Makes `dir` on both sides; operations then work under it.
     std::optional<std::string> begin(const std::string& dir);
@@ -64,13 +75,18 @@ class Engine {
 
     Target& volume_;
     Target* reference_;
+    Avoid avoid_;
     std::string dir_;
     std::map<int, Slot> slots_;
     std::map<std::string, std::pair<int, int>> tally_;
 };
 
+// Whether two names are equal but for ASCII letter case, as the volume
+// compares names.
+bool same_folded(const std::string& a, const std::string& b);
+
 // Runs a sequence in a fresh folder `dir`; the first difference, if any.
 std::optional<Failure> run_sequence(Target& volume, Target& reference, const std::string& dir,
-                                    const std::vector<Op>& ops);
+                                    const std::vector<Op>& ops, Avoid avoid = {});
 
 }  // namespace difftest

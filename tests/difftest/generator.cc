@@ -172,8 +172,6 @@ Op Generator::rename(const std::vector<Entry>& entries, const Engine& engine) {
             break;
     }
     if (op.path2.empty()) op.path2 = name(is_folder);
-    if (avoid_.unlink_open && engine.holds_open_file(op.path2))
-        op.path2 = fresh_path(entries, is_folder);
     return op;
 }
 

@@ -12,16 +12,6 @@
 
 namespace difftest {
 
-// What a run leaves out.
-struct Avoid {
-    // Mapped reads: in a folder that other processes truncate, a mapping
-    // could fault.
-    bool mmap = false;
-    // Unlinking, or renaming onto, a file that is open: to look past a
-    // known fault there.
-    bool unlink_open = false;
-};
-
 class Generator {
   public:
     explicit Generator(uint64_t seed, Avoid avoid = {}) : rng_(seed), avoid_(avoid) {}

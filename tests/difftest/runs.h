@@ -39,10 +39,11 @@ struct Shrunk {
     int attempts = 0;
 };
 
-// Looks for a shorter sequence that still fails: drops chunks of halving
-// size, down to single operations, while the failure stays; gives up
-// improving after `seconds`.
-Shrunk shrink(Target& volume, Target& reference, RunDirs& dirs, const std::vector<Op>& ops,
-              double seconds);
+// Looks for a shorter sequence that still fails the same way (the same kind
+// of operation, the same kind of difference): drops chunks of halving size,
+// down to single operations, while the failure stays; gives up improving
+// after `seconds`.
+Shrunk shrink(Target& volume, Target& reference, RunDirs& dirs, const Run& failed, double seconds,
+              Avoid avoid = {});
 
 }  // namespace difftest

@@ -46,7 +46,7 @@ bool timed_step(Engine& engine, const Op& op, Beat& beat, int worker, const char
 int worker_main(const StressOptions& o, int k, Beat& beat) {
     auto volume = make_real_target(o.volume), reference = make_real_target(o.reference);
     auto shared = make_real_target(o.shared);
-    Engine own(*volume, reference.get()), common(*shared, nullptr);
+    Engine own(*volume, reference.get(), o.avoid), common(*shared, nullptr, o.avoid);
     std::string dir = "w" + std::to_string(k);
     if (auto diff = own.begin(dir)) {
         std::printf("worker %d: %s\n", k, diff->c_str());
