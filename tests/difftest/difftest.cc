@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <sstream>
 
@@ -34,78 +35,48 @@ struct Args {
     Avoid avoid;
 };
 
-bool parse_avoid(const std::string& list, Avoid* avoid) {
+// Reads a comma-separated list of what to leave out; throws on a word it
+// does not know.
+void parse_avoid(const std::string& list, Avoid* avoid) {
     std::stringstream in(list);
     for (std::string item; std::getline(in, item, ',');) {
-        if (item == "mmap")
-            avoid->mmap = true;
-        else if (item == "unlink-open")
-            avoid->unlink_open = true;
-        else
-            return false;
+        bool* flag = item == "mmap"          ? &avoid->mmap
+                     : item == "unlink-open" ? &avoid->unlink_open
+                                             : nullptr;
+        if (!flag) throw std::invalid_argument(item);
+        *flag = true;
     }
-    return true;
 }
 
 bool parse(int argc, char** argv, Args* a) {
-    static const option kOptions[] = {{"volume", required_argument, nullptr, 'v'},
-                                      {"reference", required_argument, nullptr, 'r'},
-                                      {"seed", required_argument, nullptr, 's'},
-                                      {"ops", required_argument, nullptr, 'n'},
-                                      {"replay", required_argument, nullptr, 'p'},
-                                      {"compare", required_argument, nullptr, 'c'},
-                                      {"stress", required_argument, nullptr, 'w'},
-                                      {"seconds", required_argument, nullptr, 't'},
-                                      {"shared", required_argument, nullptr, 'h'},
-                                      {"save", required_argument, nullptr, 'o'},
-                                      {"shrink-seconds", required_argument, nullptr, 'k'},
-                                      {"avoid", required_argument, nullptr, 'a'},
-                                      {nullptr, 0, nullptr, 0}};
-    int c;
+    using Set = std::function<void(const char*)>;
+    // Long options in the order of their index; each sets one field.
+    const std::vector<std::pair<const char*, Set>> setters = {
+        {"volume", [&](const char* v) { a->volume = v; }},
+        {"reference", [&](const char* v) { a->reference = v; }},
+        {"seed", [&](const char* v) { a->seed = std::stoull(v); }},
+        {"ops", [&](const char* v) { a->ops = std::stoul(v); }},
+        {"replay", [&](const char* v) { a->replay = v; }},
+        {"stress", [&](const char* v) { a->stress = std::stoi(v); }},
+        {"seconds", [&](const char* v) { a->seconds = std::stod(v); }},
+        {"shared", [&](const char* v) { a->shared = v; }},
+        {"save", [&](const char* v) { a->save = v; }},
+        {"shrink-seconds", [&](const char* v) { a->shrink_seconds = std::stod(v); }},
+        {"avoid", [&](const char* v) { parse_avoid(v, &a->avoid); }},
+        {"compare",
+         [&](const char* v) {
+             a->compare_a = v;
+             a->compare_b = optind < argc ? argv[optind++] : throw std::invalid_argument(v);
+         }},
+    };
+    std::vector<option> options;
+    for (const auto& [name, set] : setters)
+        options.push_back({name, required_argument, nullptr, int(options.size())});
+    options.push_back({nullptr, 0, nullptr, 0});
     try {
-        while ((c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
-            switch (c) {
-                case 'v':
-                    a->volume = optarg;
-                    break;
-                case 'r':
-                    a->reference = optarg;
-                    break;
-                case 's':
-                    a->seed = std::stoull(optarg);
-                    break;
-                case 'n':
-                    a->ops = std::stoul(optarg);
-                    break;
-                case 'p':
-                    a->replay = optarg;
-                    break;
-                case 'w':
-                    a->stress = std::stoi(optarg);
-                    break;
-                case 't':
-                    a->seconds = std::stod(optarg);
-                    break;
-                case 'h':
-                    a->shared = optarg;
-                    break;
-                case 'o':
-                    a->save = optarg;
-                    break;
-                case 'k':
-                    a->shrink_seconds = std::stod(optarg);
-                    break;
-                case 'a':
-                    if (!parse_avoid(optarg, &a->avoid)) return false;
-                    break;
-                case 'c':
-                    if (optind >= argc) return false;
-                    a->compare_a = optarg;
-                    a->compare_b = argv[optind++];
-                    break;
-                default:
-                    return false;
-            }
+        for (int c; (c = getopt_long(argc, argv, "", options.data(), nullptr)) != -1;) {
+            if (c < 0 || size_t(c) >= setters.size()) return false;
+            setters[c].second(optarg);
         }
     } catch (const std::exception&) {
         return false;
