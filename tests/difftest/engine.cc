@@ -200,6 +200,9 @@ std::optional<std::string> Engine::step(const Op& op) {
     // The volume refuses to move a folder that holds an open file.
     if (op.kind == Kind::kRename && lookup().stat(full(path)).bytes == "d" && holds_open_file(path))
         return std::nullopt;
+    bool unlinks = op.kind == Kind::kUnlink || op.kind == Kind::kRename;
+    if (avoid_.unlink_open && unlinks && holds_open_file(op.kind == Kind::kUnlink ? path : path2))
+        return std::nullopt;
     Outcome a = apply_path(volume_, op, full(path), full(path2));
     Outcome b = reference_ ? apply_path(*reference_, op, full(path), full(path2)) : a;
     if (b.ok() && op.kind == Kind::kRename) after_rename(path, path2);
