@@ -11,7 +11,9 @@ namespace difftest {
 std::string RunDirs::next() {
     for (;;) {
         std::string dir = "run-" + std::to_string(n_++);
-        if (volume_.stat(dir).err == ENOENT && reference_.stat(dir).err == ENOENT) return dir;
+        // A side that cannot answer (a volume whose daemon died) ends the
+        // search too: making the folder then fails with its error.
+        if (!volume_.stat(dir).ok() && !reference_.stat(dir).ok()) return dir;
     }
 }
 
@@ -85,6 +87,7 @@ struct Shrinking {
     Avoid avoid;
     std::string wanted;  // the signature of the original failure
     Shrunk best;
+    bool broken = false;
 
     // Runs a candidate; keeps it, cut after the operation that differed, if
     // it fails the same way.
@@ -92,6 +95,8 @@ struct Shrinking {
         ++best.attempts;
         Run run{std::move(candidate), std::nullopt, ""};
         run.failure = run_sequence(volume, reference, dirs.next(), run.ops, avoid);
+        // The folder could not be made: the volume no longer works.
+        broken = run.failure && run.failure->message.rfind("cannot make", 0) == 0;
         if (!run.failure || signature(run) != wanted) return false;
         if (run.failure->index + 1 < run.ops.size()) run.ops.resize(run.failure->index + 1);
         best.run = std::move(run);
@@ -105,14 +110,14 @@ Shrunk shrink(Target& volume, Target& reference, RunDirs& dirs, const Run& faile
               Avoid avoid) {
     using Clock = std::chrono::steady_clock;
     auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
-    Shrinking s{volume, reference, dirs, avoid, signature(failed), {}};
+    Shrinking s{volume, reference, dirs, avoid, signature(failed), {}, false};
     if (!s.attempt(failed.ops)) return s.best;  // it no longer fails
     // Halving chunks, then single operations again while that helps: a
     // failure that depends on timing may let go of an operation only later.
     size_t chunk = std::max<size_t>(1, s.best.run.ops.size() / 2);
-    for (bool progress = true; progress && Clock::now() < deadline;) {
+    for (bool progress = true; progress && !s.broken && Clock::now() < deadline;) {
         size_t before = s.best.run.ops.size();
-        for (size_t i = 0; i < s.best.run.ops.size() && Clock::now() < deadline;) {
+        for (size_t i = 0; i < s.best.run.ops.size() && !s.broken && Clock::now() < deadline;) {
             if (!s.attempt(without(s.best.run.ops, i, chunk))) i += chunk;
         }
         progress = chunk > 1 || s.best.run.ops.size() < before;

@@ -121,11 +121,15 @@ run_seed() {
   check_after "seed $1"
 }
 
+# Each sequence on a mount of its own, so that one that stops skarvo cannot
+# hide what the others do.
 run_replays() {
-  fresh
-  up || return
-  for file in $REPLAY; do tester "replay of $(basename "$file")" --replay "$file"; done
-  check_after "replays"
+  for file in $REPLAY; do
+    fresh
+    up || continue
+    tester "replay of $(basename "$file")" --replay "$file"
+    check_after "$(basename "$file")"
+  done
 }
 
 run_stress() {
