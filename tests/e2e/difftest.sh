@@ -34,7 +34,7 @@ if [ "$(id -u)" -ne 0 ] || ! [ -c /dev/fuse ]; then
   exit 77
 fi
 
-WORK=$(mktemp -d /tmp/skarvo-difftest-XXXXXX)
+WORK=$(mktemp -d /tmp/difftest-XXXXXX)
 # A small tmpfs bounds what a faulty volume could write.
 mount -t tmpfs -o size="${DIFFTEST_TMPFS_SIZE:-3g}" difftest "$WORK" || exit 1
 REMOTE=$WORK/remote MNT=$WORK/mnt CACHE=$WORK/cache REF=$WORK/reference
