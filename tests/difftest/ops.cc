@@ -85,86 +85,63 @@ std::optional<int> parse_flags(const std::string& text) {
     return flags;
 }
 
+// Writes one field of an operation as text, or reads it back from text.
+bool convert(Op& op, char field, std::string& text, bool parse) {
+    auto number = [&](auto& value) {
+        if (!parse) return text = std::to_string(value), true;
+        std::istringstream in(text);
+        return in >> value && in.peek() == EOF;
+    };
+    auto name = [&](std::string& value) {
+        parse ? value = unescape(text) : text = escape(value);
+        return true;
+    };
+    switch (field) {
+        case 's':
+            return number(op.slot);
+        case 'o':
+            return number(op.offset);
+        case 'l':
+            return number(op.length);
+        case 'd':
+            return number(op.data_seed);
+        case 'p':
+            return name(op.path);
+        case 'q':
+            return name(op.path2);
+    }
+    if (!parse) return text = format_flags(op.flags), true;
+    auto flags = parse_flags(text);
+    op.flags = flags.value_or(0);
+    return flags.has_value();
+}
+
 }  // namespace
 
-std::string format_op(const Op& op) {
-    std::ostringstream out;
+std::string format_op(Op op) {
     for (const KindInfo& info : kKinds) {
         if (info.kind != op.kind) continue;
-        out << info.name;
+        std::string out = info.name, text;
         for (const char* f = info.fields; *f; ++f) {
-            out << ' ';
-            switch (*f) {
-                case 's':
-                    out << op.slot;
-                    break;
-                case 'f':
-                    out << format_flags(op.flags);
-                    break;
-                case 'o':
-                    out << op.offset;
-                    break;
-                case 'l':
-                    out << op.length;
-                    break;
-                case 'd':
-                    out << op.data_seed;
-                    break;
-                case 'p':
-                    out << escape(op.path);
-                    break;
-                case 'q':
-                    out << escape(op.path2);
-                    break;
-            }
+            convert(op, *f, text, false);
+            out += ' ' + text;
         }
+        return out;
     }
-    return out.str();
+    return "?";
 }
 
 std::optional<Op> parse_op(const std::string& line) {
     std::istringstream in(line);
-    std::string name;
+    std::string name, text;
     in >> name;
     for (const KindInfo& info : kKinds) {
         if (name != info.name) continue;
         Op op;
         op.kind = info.kind;
-        for (const char* f = info.fields; *f; ++f) {
-            std::string field;
-            if (!(in >> field)) return std::nullopt;
-            try {
-                switch (*f) {
-                    case 's':
-                        op.slot = std::stoi(field);
-                        break;
-                    case 'o':
-                        op.offset = std::stoll(field);
-                        break;
-                    case 'l':
-                        op.length = std::stoll(field);
-                        break;
-                    case 'd':
-                        op.data_seed = std::stoull(field);
-                        break;
-                    case 'p':
-                        op.path = unescape(field);
-                        break;
-                    case 'q':
-                        op.path2 = unescape(field);
-                        break;
-                    case 'f':
-                        auto flags = parse_flags(field);
-                        if (!flags) return std::nullopt;
-                        op.flags = *flags;
-                        break;
-                }
-            } catch (const std::exception&) {
-                return std::nullopt;
-            }
-        }
-        std::string extra;
-        if (in >> extra) return std::nullopt;
+        for (const char* f = info.fields; *f; ++f)
+            if (!(in >> text) || !convert(op, *f, text, true)) return std::nullopt;
+        if (in >> text) return std::nullopt;
         return op;
     }
     return std::nullopt;

@@ -42,7 +42,7 @@ struct Op {
     std::string path2;  // rename's destination
 };
 
-std::string format_op(const Op& op);
+std::string format_op(Op op);
 std::optional<Op> parse_op(const std::string& line);
 
 // Reads a sequence; lines that are empty or start with '#' are skipped.
