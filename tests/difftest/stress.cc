@@ -55,13 +55,17 @@ int worker_main(const StressOptions& o, int k, Beat& beat) {
     Generator own_ops(o.seed * 1000 + k, o.avoid),
         common_ops(o.seed * 1000 + 500 + k, Avoid{true, o.avoid.unlink_open});
     auto deadline = now_ms() + int64_t(o.seconds * 1000);
+    // After a difference the worker stops comparing but keeps loading the
+    // shared folder until the time is up.
+    bool differed = false;
     while (now_ms() < deadline) {
-        if (!timed_step(own, own_ops.next(own), beat, k, dir.c_str())) return 1;
+        differed = differed || !timed_step(own, own_ops.next(own), beat, k, dir.c_str());
         timed_step(common, common_ops.next(common), beat, k, "shared");
     }
     std::snprintf(beat.op, sizeof beat.op, "closing and comparing %s", dir.c_str());
     beat.since_ms = now_ms();
     common.finish();
+    if (differed) return 1;
     if (auto diff = own.finish()) {
         std::printf("worker %d (seed %llu): %s\n", k, (unsigned long long)(o.seed * 1000 + k),
                     diff->c_str());
