@@ -100,10 +100,12 @@ int compare_mode(const Args& a) {
 int report(const Args& a, Target& volume, Target& reference, RunDirs& dirs, const Run& run,
            const std::string& what) {
     const Failure& f = *run.failure;
-    std::printf("%s: FAILED at operation %zu of %zu: %s\n  %s\n", what.c_str(), f.index + 1,
-                run.ops.size(),
-                f.index < run.ops.size() ? format_op(run.ops[f.index]).c_str() : "(end)",
-                f.message.c_str());
+    if (f.index < run.ops.size())
+        std::printf("%s: FAILED at operation %zu of %zu: %s\n", what.c_str(), f.index + 1,
+                    run.ops.size(), format_op(run.ops[f.index]).c_str());
+    else
+        std::printf("%s: FAILED after all %zu operations\n", what.c_str(), run.ops.size());
+    std::printf("  %s\n", f.message.c_str());
     std::printf("shrinking %zu operations...\n", run.ops.size());
     std::fflush(stdout);
     Shrunk shrunk = shrink(volume, reference, dirs, run, a.shrink_seconds, a.avoid);
