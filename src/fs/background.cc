@@ -148,4 +148,6 @@ void FileSystem::Destroy() {
     protocols_.clear();
     protocolOrder_.clear();
     protocolCount_ = 0;
+    std::lock_guard<std::mutex> hidden(hiddenMutex_);
+    hidden_.clear();
 }

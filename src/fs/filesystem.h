@@ -178,6 +178,11 @@ class FileSystem final : public IFileSystemImpl,
     int PlanRename(const char* from, const char* to, RenamePlan& plan);
     // libfuse's rename of a file unlinked while open to a hidden name.
     int Hide(const char* from, const char* to, std::string process);
+    // Files unlinked while open, by hidden name: found by that name even
+    // after their folder moved or was listed anew, until libfuse deletes
+    // them at the last close. SetHidden with a null node forgets the name.
+    bool FindHidden(const std::string& path, std::shared_ptr<File>& out);
+    void SetHidden(const std::string& name, std::shared_ptr<File> node);
     // Logs an operation's outcome and converts it for FUSE.
     int Outcome(const char* operation, AERROR result, const std::string& process, const char* path);
     // Asks the protocol of `entry` for remote changes when it reports them
@@ -211,6 +216,8 @@ class FileSystem final : public IFileSystemImpl,
 
     std::atomic<uint64_t> handleCounter_{0};
     std::mutex handleMapMutex_;
+    std::mutex hiddenMutex_;
+    std::unordered_map<std::string, std::shared_ptr<File>> hidden_;  // guarded by hiddenMutex_
     std::unordered_map<uint64_t, std::shared_ptr<_FS_HANDLE_EXT>> handleMap_;
 
     std::mutex queueMutex_;

@@ -254,6 +254,8 @@ int FileSystem::Unlink(const char* path, std::string process) {
     // unlink(2) never removes a folder, whatever the kernel thought it was.
     if (result == SUCCESS && node && node->IsFolder()) return -EISDIR;
     if (result == SUCCESS && node) result = node->unlink(true);
+    const std::string name = GetObjectName(exact.c_str(), "\\/");
+    if (IsHiddenByFuse(name)) SetHidden(name, nullptr);
     return Outcome("Unlink", result, process, path);
 }
 
@@ -308,7 +310,9 @@ int FileSystem::Hide(const char* from, const char* to, std::string process) {
     const std::string exact = ToExactPath(from, false);
     std::shared_ptr<File> node;
     AERROR result = GetFile(exact.c_str(), node);
-    if (result == SUCCESS && node) result = node->Hide(GetObjectName(to, "\\/"));
+    const std::string hiddenName = GetObjectName(to, "\\/");
+    if (result == SUCCESS && node) result = node->Hide(hiddenName);
+    if (result == SUCCESS && node) SetHidden(hiddenName, node);
     return Outcome("Hide", result, process, from);
 }
 

@@ -77,6 +77,26 @@ void FileSystem::PollChanges(_FS_PROTOCOL& entry) {
     entry.lastChangePoll = std::chrono::steady_clock::now();
 }
 
+bool FileSystem::FindHidden(const std::string& path, std::shared_ptr<File>& out) {
+    const size_t slash = path.rfind('/');
+    const std::string leaf = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (!IsHiddenByFuse(leaf)) return false;
+    std::lock_guard<std::mutex> lock(hiddenMutex_);
+    auto found = hidden_.find(leaf);
+    if (found == hidden_.end()) return false;
+    out = found->second;
+    return true;
+}
+
+void FileSystem::SetHidden(const std::string& name, std::shared_ptr<File> node) {
+    std::lock_guard<std::mutex> lock(hiddenMutex_);
+    if (node) {
+        hidden_[FoldName(name)] = std::move(node);
+    } else {
+        hidden_.erase(FoldName(name));
+    }
+}
+
 AERROR FileSystem::GetFile(const char* path, std::shared_ptr<File>& out) {
     if (path == nullptr) return INVALID_PARAMETER;
     std::lock_guard<std::mutex> lock(mutex_);
@@ -86,6 +106,7 @@ AERROR FileSystem::GetFile(const char* path, std::shared_ptr<File>& out) {
         return FAILED;
     }
     if (protocolOrder_.empty()) return SUCCESS;
+    if (FindHidden(wanted, out)) return SUCCESS;
     AERROR result = SUCCESS;
     for (const auto& entry : protocolOrder_) {
         if (wanted == "/") {

@@ -179,8 +179,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Stops this folder from being listed (folders that exist only locally).
     void SetNoListing(bool value) { noListing_ = value; }
 
-    // Applies a fresh record of the remote item to the node.
-    void Update(const _FS_FILE_V2* record, bool, bool);
+    // Applies a fresh record of the remote item to the node; with
+    // `sameContent` (a rename or move) the cached data stays as it is.
+    void Update(const _FS_FILE_V2* record, bool sameContent, bool);
 
     // For the listing job: a node for `record` with this folder as parent,
     // not yet in the tree; the folder's children; the merge of a completed

@@ -195,14 +195,14 @@ AERROR File::RenameInPlace(const std::string& newName, bool rekey, void** cookie
         if (self != Parent()->children_.end() && self->second.get() == this) {
             auto node = self->second;
             Parent()->children_.erase(self);
-            Update(&record, false, false);
+            Update(&record, true, false);
             Parent()->children_[FoldName(newName)] = node;
             Parent()->childCount_ = Parent()->children_.size();
         } else {
-            Update(&record, false, false);
+            Update(&record, true, false);
         }
     } else {
-        Update(&record, false, false);
+        Update(&record, true, false);
     }
     if (IsFolder()) ForgetChildren();
     return SUCCESS;
@@ -279,10 +279,12 @@ AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParen
     Parent()->RemoveChild(oldName.c_str(), false);
     if (IsFolder()) ForgetChildren();
     SetParent(newParent.get());
-    record.name = oldName;
-    Update(&record, false, false);
+    const std::wstring oldPath = BuildPath('\\');
+    // In the tree too the node goes through its transit name, so that its
+    // cache entry is never re-keyed onto another file's of the old name.
+    record.name = finalName != oldName ? TransitName() : oldName;
+    Update(&record, true, false);
     if (finalName != oldName) {
-        const std::wstring oldPath = BuildPath('\\');
         void* cookie = nullptr;
         result = RenameInPlace(finalName, false, &cookie);
         Release(protocol_.get(), cookie);

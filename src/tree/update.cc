@@ -9,8 +9,10 @@
 // next read fetches the new content; data being
 // written locally stays and is uploaded later: the local writer wins, and
 // while it writes the node keeps showing its local size and time. When the
-// node's path changed (a rename or move), its cache entry is re-keyed.
-void File::Update(const _FS_FILE_V2* record, bool, bool) {
+// node's path changed (a rename or move), its cache entry is re-keyed. A
+// record that names the same content (`sameContent`: the node's own record
+// after a rename or move) leaves the cached data alone.
+void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
     if (record == nullptr) return;
     updatedAt_ = Clock::now();
     bool contentChanged;
@@ -25,7 +27,8 @@ void File::Update(const _FS_FILE_V2* record, bool, bool) {
         copy.accessTime = adjustTime_(copy.accessTime.c_str());
         copy.modifyTime = adjustTime_(copy.modifyTime.c_str());
         if (!IsAcceptableName(copy.name)) copy.name = current->name;
-        contentChanged = copy.size != current->knownSize || copy.modifyTime != current->modifyTime;
+        contentChanged = !sameContent && (copy.size != current->knownSize ||
+                                          copy.modifyTime != current->modifyTime);
 
         auto next = std::make_shared<_FS_FILE_EXT>();
         *next = copy;

@@ -63,7 +63,9 @@ class Forwarding : public Target {
     Outcome ftruncate(int fd, int64_t s) override { return in_->ftruncate(fd, s); }
     Outcome truncate(const std::string& p, int64_t s) override { return in_->truncate(p, s); }
     Outcome fsync(int fd) override { return in_->fsync(fd); }
-    Outcome mmap_read(int fd, int64_t o, size_t n) override { return in_->mmap_read(fd, o, n); }
+    Outcome mmap_read(int fd, int64_t o, size_t n, int64_t size) override {
+        return in_->mmap_read(fd, o, n, size);
+    }
     Outcome stat(const std::string& p) override { return in_->stat(p); }
     Outcome rename(const std::string& a, const std::string& b) override {
         return in_->rename(a, b);

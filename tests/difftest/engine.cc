@@ -1,5 +1,7 @@
 #include "engine.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -65,8 +67,9 @@ Outcome apply_path(Target& t, const Op& op, const std::string& path, const std::
     }
 }
 
-// Runs an operation on a descriptor on one side.
-Outcome apply_fd(Target& t, const Op& op, int fd, const std::string& data) {
+// Runs an operation on a descriptor on one side; `size` is the file's size
+// for a mapped read (negative: ask the descriptor).
+Outcome apply_fd(Target& t, const Op& op, int fd, const std::string& data, int64_t size) {
     switch (op.kind) {
         case Kind::kPread:
             return t.pread(fd, op.offset, op.length);
@@ -79,7 +82,7 @@ Outcome apply_fd(Target& t, const Op& op, int fd, const std::string& data) {
         case Kind::kFsync:
             return t.fsync(fd);
         default:
-            return t.mmap_read(fd, op.offset, op.length);
+            return t.mmap_read(fd, op.offset, op.length, size);
     }
 }
 
@@ -190,9 +193,17 @@ std::optional<std::string> Engine::step(const Op& op) {
         auto it = slots_.find(op.slot);
         if (it == slots_.end()) return std::nullopt;
         std::string data = op_data(op);
-        Outcome a = apply_fd(volume_, op, it->second.volume.get(), data);
+        // The volume cannot fstat a file unlinked while open once its folder
+        // is gone (the kernel asks libfuse by path, and there is none): a
+        // mapped read takes the length to map from the reference.
+        struct stat st {};
+        const int64_t size =
+            reference_ && op.kind == Kind::kMmap && ::fstat(it->second.reference.get(), &st) == 0
+                ? st.st_size
+                : -1;
+        Outcome a = apply_fd(volume_, op, it->second.volume.get(), data, size);
         if (!reference_) return count(op, a, nullptr);
-        Outcome b = apply_fd(*reference_, op, it->second.reference.get(), data);
+        Outcome b = apply_fd(*reference_, op, it->second.reference.get(), data, size);
         return count(op, a, &b);
     }
     std::string path = resolve(op.path);

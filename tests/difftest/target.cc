@@ -70,7 +70,7 @@ class RealTarget : public Target {
         return answer(::truncate(full(path).c_str(), size));
     }
     Outcome fsync(int fd) override { return answer(::fsync(fd)); }
-    Outcome mmap_read(int fd, int64_t offset, size_t length) override;
+    Outcome mmap_read(int fd, int64_t offset, size_t length, int64_t size) override;
     Outcome stat(const std::string& path) override {
         struct stat st {};
         Outcome out = answer(::stat(full(path).c_str(), &st));
@@ -98,11 +98,12 @@ class RealTarget : public Target {
     std::string root_;
 };
 
-Outcome RealTarget::mmap_read(int fd, int64_t offset, size_t length) {
+Outcome RealTarget::mmap_read(int fd, int64_t offset, size_t length, int64_t size) {
     struct stat st {};
-    if (::fstat(fd, &st) != 0) return answer(-1);
-    if (offset >= st.st_size) return answer(0);
-    length = std::min<int64_t>(length, st.st_size - offset);
+    if (size < 0 && ::fstat(fd, &st) != 0) return answer(-1);
+    if (size < 0) size = st.st_size;
+    if (offset >= size) return answer(0);
+    length = std::min<int64_t>(length, size - offset);
     const int64_t page = ::sysconf(_SC_PAGESIZE);
     const int64_t start = offset / page * page;
     const size_t span = length + (offset - start);

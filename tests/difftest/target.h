@@ -36,7 +36,8 @@ class Target {
     virtual Outcome fsync(int fd) = 0;
     // Maps the file (PROT_READ, MAP_SHARED) and copies [offset, offset+length)
     // clamped to the file's size.
-    virtual Outcome mmap_read(int fd, int64_t offset, size_t length) = 0;
+    // Maps and reads; `size` is the file's size, or negative to fstat it.
+    virtual Outcome mmap_read(int fd, int64_t offset, size_t length, int64_t size) = 0;
     // bytes is "f" for a regular file (value is then its size), "d" for a
     // folder, "o" for anything else.
     virtual Outcome stat(const std::string& path) = 0;
