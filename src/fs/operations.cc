@@ -116,7 +116,13 @@ int FileSystem::Create(const char* path, unsigned short mode, int flags, unsigne
     }
     if (result == SUCCESS && node) {
         std::shared_ptr<_FS_HANDLE_EXT> record;
-        result = node->Open((flags & O_ACCMODE) != 0 ? 'w' : 'r', 0, 0, process, record, nullptr);
+        // A new file not yet stored remotely is opened for writing even when
+        // the caller reads only, so that its release stores it: created
+        // empty with O_RDONLY, it must still exist on the remote. The
+        // kernel refuses writes through a read-only descriptor itself.
+        const bool stored = !node->RemoteKey().empty();
+        const char mode = (flags & O_ACCMODE) != 0 || !stored ? 'w' : 'r';
+        result = node->Open(mode, 0, 0, process, record, nullptr);
         if (result == SUCCESS && record) handle = RegisterHandle(record, node, process, exact);
     }
     return Outcome("Create", result, process, path);

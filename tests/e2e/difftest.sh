@@ -42,6 +42,8 @@ PID=
 failures=0
 
 cleanup() {
+  # DIFFTEST_KEEP_LOG=FILE keeps skarvo's log for a look at a failure.
+  [ -n "${DIFFTEST_KEEP_LOG:-}" ] && cp "$WORK/skarvo.log" "$DIFFTEST_KEEP_LOG" 2>/dev/null
   [ -n "$PID" ] && kill -KILL "$PID" 2>/dev/null
   grep -q " $MNT " /proc/mounts && umount -l "$MNT"
   umount -l "$WORK" 2>/dev/null
@@ -54,7 +56,8 @@ fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 # Mounts REMOTE at MNT; waits until the volume serves.
 up() {
   mkdir -p "$REMOTE" "$MNT"
-  "$SKARVO" mount --cache-dir "$CACHE" --log-file "$WORK/skarvo.log" "${SYNC[@]}" \
+  "$SKARVO" mount --cache-dir "$CACHE" --log-file "$WORK/skarvo.log" \
+    --log-level "${DIFFTEST_LOG_LEVEL:-warning}" "${SYNC[@]}" \
     "local:$REMOTE" "$MNT" >>"$WORK/skarvo.out" 2>&1 &
   PID=$!
   for _ in $(seq 1 100); do
