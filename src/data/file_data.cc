@@ -329,7 +329,9 @@ AERROR File::WriteToCache(const std::shared_ptr<ICacheObj>& cacheObject, _WRITED
                           unsigned long* written) {
     std::shared_lock<std::shared_mutex> content(contentLock_);
     UpdateLastWrite();
-    cacheObject->Reopen('w', request.fileSize, this);
+    // No reopen at the new size: the cache takes a larger size for remote
+    // content to fetch, while a write past the end is local and extends the
+    // file with zeros itself.
     const AERROR result = cacheObject->Write(&request);
     if (result != SUCCESS) return result;
     if (written != nullptr) *written = static_cast<unsigned long>(request.written);
@@ -408,7 +410,8 @@ AERROR File::SetAllocationSize(_FS_HANDLE_EXT* handle, long long size) {
 }
 
 AERROR File::ftruncate(const std::string&, long long size) {
-    std::shared_lock<std::shared_mutex> content(contentLock_);
+    // Alone, so that the size it reopens the cache at is the cache's own.
+    std::unique_lock<std::shared_mutex> content(contentLock_);
     UpdateLastWrite();
     if (auto cacheObject = CacheObject()) {
         // Opened for writing at the size it has, so that the new size is a

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <thread>
 #include <vector>
@@ -156,15 +157,9 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
     }
     __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload - %s", name.c_str());
     uploadState_ = 3;
-    // Taken while no writer is in the middle of a change, so that what the
-    // upload reads is at least as new as this generation.
     uint64_t generation;
-    {
-        std::unique_lock<std::shared_mutex> content(contentLock_);
-        generation = writeGeneration_.load();
-    }
     UploadPlace place;
-    _FS_FILE_V2 record = PrepareUpload(cacheObject, *job, place);
+    _FS_FILE_V2 record = PrepareUpload(cacheObject, *job, place, generation);
     void* cookie = nullptr;
     AERROR result = UPLOAD_CANCELED;
     {
@@ -186,21 +181,26 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
 }
 
 _FS_FILE_V2 File::PrepareUpload(const std::shared_ptr<ICacheObj>& cacheObject, const _ASYNCJOB& job,
-                                UploadPlace& place) {
+                                UploadPlace& place, uint64_t& generation) {
     std::string remoteKey;
     _FS_FILE_V2 record;
     {
+        // Taken while no writer is in the middle of a change, so that what
+        // the upload reads is at least as new as this generation, and the
+        // size is the cache's own.
+        std::unique_lock<std::shared_mutex> content(contentLock_);
+        generation = writeGeneration_.load();
         std::lock_guard<std::mutex> lock(placeLock_);
         place.protocol = protocol_.get();
         place.parentKey = parent_ != nullptr ? Parent()->Key() : std::string();
         place.name = Name();
         record = *Info();
         remoteKey = RemoteKey();
+        cacheObject->Reopen('w', record.size, this);
     }
     if (!record.key.empty()) {
         __LOG__A(CurrentLogger(), LL_INFO,
                  "[ASYNCJOB  ] If file does not fully written, fill data from server.");
-        cacheObject->Reopen('w', record.size, this);
         cacheObject->FillUnwritten(job.handle);
     }
     if (job.handle) job.handle->reservedPosition = 0;
@@ -249,7 +249,9 @@ AERROR File::CommitUpload(_FS_FILE_V2& record, const UploadPlace& place, uint64_
         auto next = std::make_shared<_FS_FILE_EXT>(*Info());
         next->key = record.key;
         next->knownSize = record.size;
-        fetchableSize_ = next->size;
+        // What changed since the upload started is local: only what was sent
+        // may be fetched.
+        fetchableSize_ = std::min<int64_t>(next->size, record.size);
         PublishInfo(next);
     }
     __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Close and flush writable cache.");
@@ -261,8 +263,8 @@ AERROR File::CommitUpload(_FS_FILE_V2& record, const UploadPlace& place, uint64_
             cacheObject->Commit();
             modified_ = 0;
         }
+        cacheObject->Reopen('r', Info()->size, this);
     }
-    ReopenCache('r');
     uploadState_ = 5;
     IndexForChanges(shared_from_this());
     return SUCCESS;

@@ -257,7 +257,7 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // recording the result (bringing the data to where the node is now if
     // it was renamed meanwhile); a failure is put to the host.
     _FS_FILE_V2 PrepareUpload(const std::shared_ptr<ICacheObj>& cacheObject, const _ASYNCJOB& job,
-                              UploadPlace& place);
+                              UploadPlace& place, uint64_t& generation);
     AERROR SendUpload(const std::shared_ptr<ICacheObj>& cacheObject, const _ASYNCJOB& job,
                       _FS_FILE_V2& record, const UploadPlace& place, IExportService* exportService,
                       void** cookie);

@@ -104,7 +104,10 @@ AERROR File::KeepContentLocally() {
     if (!cacheObject) return FILE_READ_FAILED;
     auto handle = JobHandle(nullptr);
     handle->context = GetContext();
-    cacheObject->Reopen('w', Info()->size, this);
+    {
+        std::unique_lock<std::shared_mutex> content(contentLock_);
+        cacheObject->Reopen('w', Info()->size, this);
+    }
     return cacheObject->FillUnwritten(handle);
 }
 
