@@ -315,6 +315,7 @@ bool ReturnsWithin(std::chrono::seconds limit, const std::function<void()>& call
 
 TEST_F(VolumeKernelTest, RenamesDuringAnUploadReturnAtOnceAndTheDataFollows) {
     protocol_->AddFolder("/dst");
+    protocol_->AddFile("/a.bin", "the older version");
     Up();
     const std::string data = RandomBytes(3 << 20, 5);
     protocol_->Pause(Op::UploadItem);
