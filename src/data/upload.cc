@@ -304,8 +304,11 @@ AERROR File::FollowPlace(_FS_FILE_V2& record, const UploadPlace& place) {
     }
     if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
     if (result != SUCCESS) {
-        // The data is still cached and marked: the next upload stores it
-        // anew where the node is.
+        // The data is still cached and marked: the copy just sent goes, and
+        // the next upload stores it anew where the node is.
+        void* deleteCookie = nullptr;
+        protocol_->DeleteItem(&record, &deleteCookie);
+        if (deleteCookie != nullptr) protocol_->ReleaseCookie(deleteCookie);
         std::lock_guard<std::mutex> data(dataMutex_);
         remoteKey_.clear();
         auto next = std::make_shared<_FS_FILE_EXT>(*Info());

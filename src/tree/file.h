@@ -299,6 +299,11 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // `renaming`; `record` receives its new record. A node never stored
     // remotely moves only in the tree.
     AERROR MoveRemote(const std::shared_ptr<File>& newParent, bool renaming, _FS_FILE_V2& record);
+    // Marks the folder, and the folders below it, to be listed again.
+    void ForgetListing();
+    // Whether the node or anything below it is open, or has changes not yet
+    // uploaded.
+    bool HoldsLocalChanges();
     // Forgets the node's children so that the folder is listed again.
     void ForgetChildren();
     // Indexes `node` on the root when the protocol reports changes itself.

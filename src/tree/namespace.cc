@@ -150,24 +150,51 @@ void File::ForgetChildren() {
     std::vector<std::shared_ptr<File>> dropped;
     {
         std::lock_guard<std::recursive_mutex> lock(childLock_);
-        std::vector<std::shared_ptr<File>> markers;
+        std::vector<std::shared_ptr<File>> kept;
         for (auto& [folded, child] : children_) {
-            (child->Key().empty() ? markers : dropped).push_back(child);
+            // Items never stored remotely (the marker files among them) are
+            // not in the next listing, and items with changes not yet
+            // uploaded must not be lost: they stay, and the listing brings
+            // their records up to date.
+            const bool keep = child->Key().empty() || child->HoldsLocalChanges();
+            (keep ? kept : dropped).push_back(child);
         }
         children_.clear();
-        // Items never stored remotely (the marker files among them) are not
-        // in the next listing; they stay.
-        for (auto& marker : markers)
-            children_[FoldName(marker->Name())] = marker;
+        for (auto& child : kept) {
+            children_[FoldName(child->Name())] = child;
+            if (child->IsFolder()) child->ForgetListing();
+        }
         childCount_ = children_.size();
-        uint32_t listed = FILE_STATE_LISTED;
-        fileState_.compare_exchange_strong(listed, FILE_STATE_NEW);
-        // The next lookup lists the folder again, synchronously, before it
-        // answers, even when the protocol reports changes itself.
-        listed_ = false;
     }
+    ForgetListing();
     for (auto& node : dropped)
         node->Detach();
+}
+
+void File::ForgetListing() {
+    std::lock_guard<std::recursive_mutex> lock(childLock_);
+    uint32_t listed = FILE_STATE_LISTED;
+    fileState_.compare_exchange_strong(listed, FILE_STATE_NEW);
+    // The next lookup lists the folder again, synchronously, before it
+    // answers, even when the protocol reports changes itself.
+    listed_ = false;
+    for (auto& [folded, child] : children_) {
+        if (child->IsFolder()) child->ForgetListing();
+    }
+}
+
+bool File::HoldsLocalChanges() {
+    if (IsModified() || handles_.HasAnyOpened()) return true;
+    {
+        std::lock_guard<std::mutex> lock(jobLock_);
+        if (!jobs_.empty() || runningJob_) return true;
+    }
+    if (!IsFolder()) return false;
+    std::lock_guard<std::recursive_mutex> lock(childLock_);
+    for (auto& [folded, child] : children_) {
+        if (child->HoldsLocalChanges()) return true;
+    }
+    return false;
 }
 
 void File::Detach() {
