@@ -37,3 +37,9 @@ void OwnEtags::Removed(const std::string& key) {
     std::lock_guard<std::mutex> lock(mutex_);
     chains_.erase(key);
 }
+
+std::string OwnEtags::Latest(const std::string& key) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = chains_.find(key);
+    return found == chains_.end() ? std::string() : found->second.latest;
+}

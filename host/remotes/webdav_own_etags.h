@@ -23,6 +23,8 @@ class OwnEtags {
 
     // The ETag to send for `key` when the library's record says `etag`.
     std::string Current(const std::string& key, const std::string& etag);
+    // The ETag of this remote's last upload of `key`; "" when none is known.
+    std::string Latest(const std::string& key);
     // This remote stored `key`, replacing `before` ("" for a new file) with
     // `after`.
     void Stored(const std::string& key, const std::string& before, const std::string& after);

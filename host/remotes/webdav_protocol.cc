@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "remotes/local_paths.h"
+#include "remotes/local_record.h"
 #include "remotes/webdav_record.h"
 
 namespace {
@@ -60,7 +61,7 @@ AERROR WebdavProtocol::GetRootKey(char* buffer, unsigned long* length) {
 }
 
 unsigned int WebdavProtocol::GetCapabilities() {
-    return PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_REPORTS_CHANGES;
+    return PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_REPORTS_CHANGES | PROTOCOL_CAP_SET_TIME;
 }
 
 bool WebdavProtocol::IsValidName(const char* name) {
@@ -80,8 +81,27 @@ void WebdavProtocol::ReleaseCookie(void* cookie) {
     FreeCookie(cookie);
 }
 
-AERROR WebdavProtocol::SetItemTime(const char*, long long, long long, long long, void**) {
-    return NOT_SUPPORTED;
+void WebdavProtocol::ToRecord(const std::string& key, const DavEntry& entry, _FS_FILE_V2* record) {
+    FillDavRecord(key, entry, record);
+    if (!entry.folder) times_.Apply(key, record);
+}
+
+AERROR WebdavProtocol::SetItemTime(const char* key, long long /*createTime*/,
+                                   long long /*accessTime*/, long long modifyTime, void** cookie) {
+    if (key == nullptr) return ReportStatus(MissingArgument("key"), cookie);
+    if (modifyTime == 0) return SUCCESS;
+    std::string etag = etags_.Latest(key);
+    if (etag.empty()) {
+        DavEntry entry;
+        const LocalStatus status = Stat(key, &entry);
+        if (!status.ok()) return ReportStatus(status, cookie);
+        if (entry.folder) return SUCCESS;
+        etag = entry.etag;
+    }
+    struct timespec time {};
+    time.tv_sec = static_cast<time_t>(modifyTime);
+    times_.Set(key, etag, FormatRecordTime(time));
+    return SUCCESS;
 }
 
 LocalStatus WebdavProtocol::Propfind(const std::string& key, int depth, bool quota,
@@ -118,7 +138,7 @@ LocalStatus WebdavProtocol::Stat(const std::string& key, DavEntry* entry) {
 LocalStatus WebdavProtocol::StatRecord(const std::string& key, _FS_FILE_V2* record) {
     DavEntry entry;
     LocalStatus status = Stat(key, &entry);
-    if (status.ok()) FillDavRecord(key, entry, record);
+    if (status.ok()) ToRecord(key, entry, record);
     return status;
 }
 
@@ -177,7 +197,7 @@ LocalStatus WebdavProtocol::ReadFolder(const std::string& key, std::vector<_FS_F
         std::string name;
         if (!IsChildName(key, entry, &name) || states->count(name) != 0) continue;
         _FS_FILE_V2 record;
-        FillDavRecord(JoinKey(key, name), entry, &record);
+        ToRecord(JoinKey(key, name), entry, &record);
         records->push_back(std::move(record));
         (*states)[name] = DavStateOf(entry);
     }
@@ -262,10 +282,11 @@ LocalStatus WebdavProtocol::Move(const std::string& key, const std::string& newK
     if (!status.ok()) return status;
     if (folder) watch_.Forget(key);
     etags_.Moved(key, newKey);
+    times_.Moved(key, newKey);
     DavEntry entry;
     status = Stat(newKey, &entry);
     if (!status.ok()) return status;
-    FillDavRecord(newKey, entry, record);
+    ToRecord(newKey, entry, record);
     watch_.Put(newParent, NameOfKey(newKey), DavStateOf(entry));
     return LocalStatus::Ok();
 }
@@ -307,7 +328,7 @@ LocalStatus WebdavProtocol::DoMoveItem(const std::string& key, const std::string
     if (item.folder) return LocalStatus::Error(INVALID_PARAMETER, key + " is a folder");
     const std::string newKey = JoinKey(newParentKey, NameOfKey(key));
     if (newKey == key) {
-        FillDavRecord(key, item, record);
+        ToRecord(key, item, record);
         return LocalStatus::Ok();
     }
     // Only a file may take the place of another file.
@@ -353,7 +374,7 @@ LocalStatus WebdavProtocol::DoCreateFolder(const std::string& parentKey, _FS_FIL
     DavEntry entry;
     status = Stat(key, &entry);
     if (!status.ok()) return status;
-    FillDavRecord(key, entry, record);
+    ToRecord(key, entry, record);
     watch_.Put(parentKey, record->name, DavStateOf(entry));
     return LocalStatus::Ok();
 }
@@ -377,5 +398,6 @@ LocalStatus WebdavProtocol::DoDelete(const std::string& key, bool folder) {
     watch_.Erase(ParentKey(key), NameOfKey(key));
     if (folder) watch_.Forget(key);
     etags_.Removed(key);
+    times_.Removed(key);
     return status;
 }

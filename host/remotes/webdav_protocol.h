@@ -46,6 +46,7 @@
 #include "libfilesystem/protocol.h"
 #include "remotes/webdav_folder_watch.h"
 #include "remotes/webdav_http.h"
+#include "remotes/webdav_kept_times.h"
 #include "remotes/webdav_multistatus.h"
 #include "remotes/webdav_own_etags.h"
 
@@ -79,7 +80,8 @@ class WebdavProtocol : public IProtocol_V2 {
     AERROR UploadItem(const char* parentKey, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* source,
                       _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress,
                       void** cookie) override;
-    // Not supported: WebDAV servers keep their own modification times.
+    // Keeps the modification time for the file's current ETag
+    // (webdav_kept_times.h); other times are ignored.
     AERROR SetItemTime(const char* key, long long createTime, long long accessTime,
                        long long modifyTime, void** cookie) override;
     AERROR DescribeCookie(void* cookie, char* buffer, unsigned long length) override;
@@ -92,6 +94,8 @@ class WebdavProtocol : public IProtocol_V2 {
     // A PROPFIND of `key` with `depth` 0 or 1, parsed.
     LocalStatus Propfind(const std::string& key, int depth, bool quota,
                          std::vector<DavEntry>* entries);
+    // The record of `key` from its entry, with a kept time.
+    void ToRecord(const std::string& key, const DavEntry& entry, _FS_FILE_V2* record);
     // The entry of `key` itself.
     LocalStatus Stat(const std::string& key, DavEntry* entry);
     LocalStatus StatRecord(const std::string& key, _FS_FILE_V2* record);
@@ -124,6 +128,7 @@ class WebdavProtocol : public IProtocol_V2 {
     HttpClient http_;
     FolderWatch watch_;
     OwnEtags etags_;
+    KeptTimes times_;
     std::mutex refusedMutex_;
     std::set<std::string> refused_;  // logged already; bounded
 };

@@ -20,7 +20,10 @@ void FillDavRecord(const std::string& key, const DavEntry& entry, _FS_FILE_V2* r
     record->size = entry.folder ? 0 : entry.size;
     record->modifyTime = TimeText(entry.modified);
     record->accessTime = record->modifyTime;
-    record->createTime = entry.created != 0 ? TimeText(entry.created) : record->modifyTime;
+    // The volume shows createTime as the status change time, which tools
+    // such as tar compare before and after reading; the server's creation
+    // date would move with every upload, so the modification time stands in.
+    record->createTime = record->modifyTime;
     record->extra = entry.folder ? std::string() : entry.etag;
 }
 

@@ -10,8 +10,8 @@
 #include "remotes/webdav_multistatus.h"
 
 // Sets the record's key, name (the key's last segment), attributes, size (0
-// for a folder), times (UTC; the creation time is the modification time when
-// the server gives none) and `extra`: a file's ETag, empty for a folder.
+// for a folder), times (UTC; all three are the modification time, see the
+// .cc) and `extra`: a file's ETag, empty for a folder.
 void FillDavRecord(const std::string& key, const DavEntry& entry, _FS_FILE_V2* record);
 
 // What the change poll compares of an entry.

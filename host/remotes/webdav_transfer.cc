@@ -167,7 +167,7 @@ LocalStatus WebdavProtocol::DoUpload(const std::string& parentKey,
     etags_.Stored(key, based, stored.etag);
     watch_.Put(ParentKey(key), NameOfKey(key), DavItemState{false, stored.size, stored.etag});
     const std::string keepName = record->name;
-    FillDavRecord(key, stored, record);
+    ToRecord(key, stored, record);
     if (record->name.empty()) record->name = keepName;
     return LocalStatus::Ok();
 }
