@@ -79,9 +79,11 @@ std::string WebdavAddress::PathOf(const std::string& key, bool folder) const {
     std::string path;
     for (const std::string& segment : base)
         path += "/" + PercentEncodeSegment(segment);
-    for (const std::string& segment : KeySegments(key))
+    const std::vector<std::string> segments = KeySegments(key);
+    for (const std::string& segment : segments)
         path += "/" + PercentEncodeSegment(segment);
-    if (folder || path.empty()) path += "/";
+    // The share itself is always a folder.
+    if (folder || segments.empty()) path += "/";
     return path;
 }
 

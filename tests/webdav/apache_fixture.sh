@@ -70,13 +70,13 @@ SSLSessionCache "shmcb:$dir/ssl_cache(512000)"
   Options None
   AllowOverride None
 </Directory>
-<Location "/auth/">
+<Location "/auth">
   AuthType Basic
   AuthName "skarvo tests"
   AuthUserFile "$dir/htpasswd"
   Require valid-user
 </Location>
-<Location "/norange/">
+<Location "/norange">
   MaxRanges none
 </Location>
 <VirtualHost 127.0.0.1:$DAV_TLS_PORT>
@@ -134,13 +134,13 @@ ENV
 # Stops the server and waits for it to exit (at most 10 s, then kills it).
 dav_stop() {
   [ -n "${DAV_PID:-}" ] || return 0
-  kill -TERM "$DAV_PID" 2>/dev/null
+  kill -TERM "$DAV_PID" 2>/dev/null || true
   for _ in $(seq 1 100); do
     kill -0 "$DAV_PID" 2>/dev/null || break
     sleep 0.1
   done
-  kill -KILL "$DAV_PID" 2>/dev/null
-  wait "$DAV_PID" 2>/dev/null
+  kill -KILL "$DAV_PID" 2>/dev/null || true
+  wait "$DAV_PID" 2>/dev/null || true
   DAV_PID=
 }
 
