@@ -52,10 +52,10 @@ down_client() {
   for _ in $(seq 1 300); do mounted || return 0; sleep 0.1; done
 }
 
-# Waits until the share holds `count` files named like $2 below $1 with $3 bytes in all.
+# Waits until the file $1 on the share holds $2 bytes.
 wait_share() {
   for _ in $(seq 1 1200); do
-    [ "$(du -sb --apparent-size "$1" 2>/dev/null | cut -f1)" -ge "$2" ] && return 0
+    [ "$(stat -c %s "$1" 2>/dev/null || echo 0)" -ge "$2" ] && return 0
     sleep 0.05
   done
 }
@@ -65,11 +65,19 @@ measure() {  # client -> prints "write read list small" seconds
   rm -rf "${SHARE:?}"/* && mkdir -p "$SHARE/many"
   for i in $(seq 1 2000); do echo "$i" > "$SHARE/many/e$i.txt"; done
   up_client "$client" || { echo "not mounted"; return 1; }
+  if ! err=$(ls "$MNT" 2>&1 >/dev/null); then
+    down_client
+    echo "mounted, but listing it fails: ${err##*: }"
+    return 1
+  fi
   t0=$(now); cp "$WORK/seq.bin" "$MNT/seq.bin"; wait_share "$SHARE/seq.bin" $((256 * 1024 * 1024)); t1=$(now)
   w=$(echo "$t1 - $t0" | bc)
   mkdir "$MNT/small"
   t0=$(now); for i in $(seq 1 500); do echo "$i" > "$MNT/small/s$i.txt"; done
-  for _ in $(seq 1 1200); do [ "$(ls "$SHARE/small" | grep -c '^s')" -ge 500 ] && break; sleep 0.05; done
+  for _ in $(seq 1 1200); do
+    [ "$(find "$SHARE/small" -name 's*.txt' 2>/dev/null | wc -l)" -ge 500 ] && break
+    sleep 0.05
+  done
   t1=$(now); s=$(echo "$t1 - $t0" | bc)
   down_client
   up_client "$client" || return 1
