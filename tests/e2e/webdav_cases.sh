@@ -162,7 +162,12 @@ case_dav_memory() {
   done
   down
   echo "peak resident memory during the upload: $peak KiB"
-  [ "$peak" -lt $((100 * 1024)) ] || fail "skarvo held $peak KiB"
+  # AddressSanitizer keeps freed memory in quarantine: no bound then.
+  if grep -q __asan_init "$SKARVO"; then
+    echo "(no bound under AddressSanitizer)"
+  else
+    [ "$peak" -lt $((100 * 1024)) ] || fail "skarvo held $peak KiB"
+  fi
   [ "$(sha256sum < "$REMOTE/huge.bin")" = "$(cat "$WORK/huge.sum")" ] || fail "the stored file differs"
   rm -f "$REMOTE/huge.bin"
   rm -rf "$CACHE"
