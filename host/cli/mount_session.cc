@@ -149,8 +149,10 @@ int Session::Prepare() {
     }
 
     std::set<std::string> seen;
+    RemoteOptions remoteOptions = options_.remote;
+    remoteOptions.log = logger_.get();
     for (const RemoteArgument& argument : options_.remotes) {
-        OpenedRemote remote = OpenRemote(argument, &error);
+        OpenedRemote remote = OpenRemote(argument, remoteOptions, &error);
         if (!remote.protocol) return Fail(error);
         if (IsSameOrInside(point_, remote.localFolder)) {
             return Fail("mount point " + point_ + " lies inside the remote folder " +

@@ -136,6 +136,32 @@ const OptionDef kOptions[] = {
          o->upload.recoveryDir = Absolute(v);
          return true;
      }},
+    {"--password-file", "FILE",
+     "network remotes: read the password from the first line of FILE, which others must not "
+     "be able to read (else SKARVO_WEBDAV_PASSWORD or ~/.netrc)",
+     [](const std::string& v, MountOptions* o, std::string*) {
+         o->remote.passwordFile = Absolute(v);
+         return true;
+     }},
+    {"--insecure", nullptr,
+     "network remotes: accept a TLS certificate that is not trusted (self-signed)",
+     [](const std::string&, MountOptions* o, std::string*) {
+         o->remote.insecure = true;
+         return true;
+     }},
+    {"--timeout", "SECONDS",
+     "network remotes: time allowed to connect, and for a request without progress (default "
+     "30)",
+     [](const std::string& v, MountOptions* o, std::string* e) {
+         char* end = nullptr;
+         const long n = v.empty() || v[0] == '-' ? -1 : strtol(v.c_str(), &end, 10);
+         if (n < 1 || n > 3600 || end == nullptr || *end != '\0') {
+             *e = "--timeout must be a whole number of seconds from 1 to 3600, not '" + v + "'";
+             return false;
+         }
+         o->remote.timeoutSeconds = n;
+         return true;
+     }},
     {"--volname", "NAME", "volume name (default: the last part of the first remote's path)",
      [](const std::string& v, MountOptions* o, std::string* e) {
          if (v.empty()) {

@@ -29,6 +29,7 @@ struct MountOptions {
     std::string logFile;     // absolute; empty: standard error
     UploadPolicy upload;     // recoveryDir defaults to <cacheDir>/recovered
     std::string volumeName;  // empty: derived from the first remote
+    RemoteOptions remote;    // for network remotes; `log` is set when mounting
 };
 
 struct CommandLine {

@@ -1,16 +1,47 @@
 #include "cli/remote_schemes.h"
 
 #include "remotes/local_protocol.h"
+#include "remotes/webdav_password.h"
+#include "remotes/webdav_protocol.h"
 
 namespace {
 
-OpenedRemote OpenLocal(const std::string& location, std::string* error) {
+OpenedRemote OpenLocal(const std::string& location, const RemoteOptions&, std::string* error) {
     OpenedRemote opened;
     std::shared_ptr<LocalProtocol> protocol = LocalProtocol::Create(location, error);
     if (protocol == nullptr) return opened;
     opened.localFolder = protocol->Root();
     opened.protocol = std::move(protocol);
     return opened;
+}
+
+// Opens a share and checks it answers, so that a wrong password or an
+// untrusted certificate stops the mount at once with the server's answer.
+OpenedRemote OpenWebdavShare(bool tls, const std::string& location, const RemoteOptions& options,
+                             std::string* error) {
+    OpenedRemote opened;
+    WebdavAddress address;
+    if (!ParseWebdavAddress(tls, location, &address, error)) return opened;
+    HttpSettings settings;
+    settings.user = address.user;
+    if (!LoadWebdavPassword(options.passwordFile, &settings.password, error)) return opened;
+    settings.insecure = options.insecure;
+    settings.timeoutSeconds = options.timeoutSeconds;
+    settings.log = options.log;
+    auto protocol = std::make_shared<WebdavProtocol>(std::move(address), std::move(settings));
+    if (!protocol->Check(error)) return opened;
+    opened.protocol = std::move(protocol);
+    return opened;
+}
+
+OpenedRemote OpenWebdav(const std::string& location, const RemoteOptions& options,
+                        std::string* error) {
+    return OpenWebdavShare(false, location, options, error);
+}
+
+OpenedRemote OpenWebdavs(const std::string& location, const RemoteOptions& options,
+                         std::string* error) {
+    return OpenWebdavShare(true, location, options, error);
 }
 
 std::string SchemeNames() {
@@ -28,6 +59,11 @@ const std::vector<RemoteScheme>& RemoteSchemes() {
     static const std::vector<RemoteScheme> kSchemes = {
         {"local", "PATH", "a folder of this machine, served as if it were remote storage",
          &OpenLocal},
+        {"webdav", "//[USER@]HOST[:PORT]/PATH",
+         "a folder of a WebDAV server over plain HTTP; the password comes from ~/.netrc, "
+         "SKARVO_WEBDAV_PASSWORD or --password-file",
+         &OpenWebdav},
+        {"webdavs", "//[USER@]HOST[:PORT]/PATH", "the same over TLS (HTTPS)", &OpenWebdavs},
     };
     return kSchemes;
 }
@@ -68,12 +104,13 @@ bool ParseRemote(const std::string& text, RemoteArgument* argument, std::string*
     return true;
 }
 
-OpenedRemote OpenRemote(const RemoteArgument& argument, std::string* error) {
+OpenedRemote OpenRemote(const RemoteArgument& argument, const RemoteOptions& options,
+                        std::string* error) {
     if (argument.scheme == nullptr) {
         if (error != nullptr) *error = "remote '" + argument.text + "' was not parsed";
         return OpenedRemote();
     }
-    return argument.scheme->open(argument.location, error);
+    return argument.scheme->open(argument.location, options, error);
 }
 
 std::string VolumeNameFromIdentity(const std::string& identity) {

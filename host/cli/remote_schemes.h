@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "libfilesystem/log.h"
 #include "libfilesystem/protocol.h"
 
 // A remote that was opened, ready to be added to a volume.
@@ -19,13 +20,22 @@ struct OpenedRemote {
     std::string localFolder;
 };
 
+// Options of the command line that network remotes use.
+struct RemoteOptions {
+    std::string passwordFile;  // --password-file; empty: none
+    bool insecure = false;     // --insecure: accept any TLS certificate
+    long timeoutSeconds = 30;  // --timeout: of each request
+    ILog* log = nullptr;       // where remotes log; may be null
+};
+
 struct RemoteScheme {
     const char* name;         // "local"
     const char* location;     // what follows the colon, for --help: "PATH"
     const char* description;  // one line for --help
     // Opens the remote at `location`; a null protocol, with one line saying
     // what is wrong in *error, when it cannot.
-    OpenedRemote (*open)(const std::string& location, std::string* error);
+    OpenedRemote (*open)(const std::string& location, const RemoteOptions& options,
+                         std::string* error);
 };
 
 // Every scheme, in the order --help lists them.
@@ -46,7 +56,8 @@ struct RemoteArgument {
 bool ParseRemote(const std::string& text, RemoteArgument* argument, std::string* error);
 
 // Opens a parsed remote through its scheme.
-OpenedRemote OpenRemote(const RemoteArgument& argument, std::string* error);
+OpenedRemote OpenRemote(const RemoteArgument& argument, const RemoteOptions& options,
+                        std::string* error);
 
 // The volume name derived from a remote's identity ("local:/srv/data" gives
 // "data"): the last component of the location, or the scheme name when the

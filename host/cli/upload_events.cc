@@ -223,6 +223,12 @@ int UploadEvents::AskUploadFailure(AERROR code, const char* localPath, char* ans
 
     if (stopping_)
         return AnswerSave(path, failure + " while skarvo stops", answerPath, answerLength);
+    // The remote file was changed by someone else: another try would fail
+    // the same way, and overwriting would lose their change.
+    if (code == SHARING_VIOLATION) {
+        return AnswerSave(path, failure + ": the remote file was changed meanwhile", answerPath,
+                          answerLength);
+    }
     const int retry = ++retries_[path];
     if (retry > policy_.retries) {
         return AnswerSave(path, failure + " after " + std::to_string(policy_.retries) + " retries",

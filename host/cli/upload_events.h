@@ -20,7 +20,9 @@
 //   retry   answers UPLOAD_ANSWER_RETRY after a pause of 1, 2, 4... seconds
 //           (Backoff), up to policy.retries times per file, then saves. A
 //           file's count starts again once an upload of it completes (its
-//           progress reaches its size) and after it was saved.
+//           progress reaches its size) and after it was saved. A conflict
+//           (SHARING_VIOLATION: the remote file was changed by someone else
+//           since the local change began) is saved at once, never retried.
 //   save    answers UPLOAD_ANSWER_SAVE with a free path under the recovery
 //           folder that mirrors the file's path in the volume: never an
 //           existing file; "name.1", "name.2"... when "name" is taken.

@@ -17,6 +17,7 @@
 #include "remotes/local_paths.h"
 #include "remotes/local_record.h"
 #include "remotes/local_upload.h"
+#include "remotes/transfer_io.h"
 #include "remotes/unique_fd.h"
 
 namespace {
@@ -49,28 +50,6 @@ int RenameNoReplace(int fromDir, const std::string& from, int toDir, const std::
         return -1;
     }
     return renameat(fromDir, from.c_str(), toDir, to.c_str());
-}
-
-// Hands `size` bytes to the callback, offering what it did not take again.
-LocalStatus Deliver(IFetchCallback* callback, long long offset, const char* data, long size,
-                    const std::string& key) {
-    while (size > 0) {
-        long written = size;
-        const AERROR code = callback->FetchWrite(offset, data, size, &written);
-        if (code != SUCCESS) {
-            return LocalStatus::Error(
-                code, key + ": the downloaded data was not taken (" + GetAERRORA(code) + ")");
-        }
-        if (written <= 0) {
-            return LocalStatus::Error(FILE_WRITE_FAILED,
-                                      key + ": the downloaded data was not taken");
-        }
-        written = std::min(written, size);
-        offset += written;
-        data += written;
-        size -= written;
-    }
-    return LocalStatus::Ok();
 }
 
 }  // namespace
@@ -221,7 +200,7 @@ LocalStatus LocalProtocol::DoDownload(const std::string& key, long long offset, 
             return failure;
         }
         if (got == 0) break;  // the file was cut meanwhile: deliver what there was
-        status = Deliver(callback, position, buffer.data(), static_cast<long>(got), key);
+        status = DeliverFetched(callback, position, buffer.data(), static_cast<long>(got), key);
         if (!status.ok()) return status;
         position += got;
     }

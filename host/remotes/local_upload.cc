@@ -11,12 +11,12 @@
 #include <vector>
 
 #include "remotes/local_paths.h"
+#include "remotes/transfer_io.h"
 #include "remotes/unique_fd.h"
 
 namespace {
 
 constexpr uint64_t kChunkSize = 1 << 20;
-constexpr auto kProgressInterval = std::chrono::milliseconds(250);
 
 // A temporary file in a folder that is removed again unless Commit renamed it.
 class TemporaryFile {
@@ -78,33 +78,6 @@ class TemporaryFile {
     UniqueFd fd_;
 };
 
-// Progress reports to the library, at most one every kProgressInterval and
-// always one when the last byte is in.
-class ProgressReporter {
-  public:
-    ProgressReporter(const _TRANSFERPROGRESS* progress, uint64_t total)
-        : progress_(progress != nullptr && progress->callback != nullptr ? progress : nullptr),
-          total_(total),
-          start_(std::chrono::steady_clock::now()),
-          last_(start_) {}
-
-    void Report(uint64_t done) {
-        if (progress_ == nullptr) return;
-        const auto now = std::chrono::steady_clock::now();
-        if (done < total_ && now - last_ < kProgressInterval) return;
-        last_ = now;
-        const double seconds = std::chrono::duration<double>(now - start_).count();
-        const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0.0;
-        progress_->callback(done, total_, rate, progress_->context);
-    }
-
-  private:
-    const _TRANSFERPROGRESS* progress_;
-    const uint64_t total_;
-    const std::chrono::steady_clock::time_point start_;
-    std::chrono::steady_clock::time_point last_;
-};
-
 LocalStatus WriteAll(int fd, const char* data, size_t size, const std::string& key) {
     while (size > 0) {
         const ssize_t written = write(fd, data, size);
@@ -124,29 +97,14 @@ LocalStatus CopySource(const LocalUpload& upload, int fd) {
     ProgressReporter reporter(upload.progress, total);
     uint64_t done = 0;
     while (done < total) {
-        _READDATA request;
-        request.buffer = buffer.data();
-        request.offset = static_cast<int64_t>(done);
-        request.size = std::min<uint64_t>(buffer.size(), total - done);
-        request.handle = upload.handle;
-        request.fileSize = upload.size;
-        request.partial = 1;
-        const uint64_t asked = request.size;
-        const AERROR code = upload.source->Read(&request);
-        if (code != SUCCESS) {
-            return LocalStatus::Error(
-                code, upload.key + ": reading the data to store failed (" + GetAERRORA(code) + ")");
-        }
-        if (request.read <= 0 || static_cast<uint64_t>(request.read) > asked) {
-            return LocalStatus::Error(FILE_READ_FAILED, upload.key +
-                                                            ": the data to store ended after " +
-                                                            std::to_string(done) + " of " +
-                                                            std::to_string(total) + " bytes");
-        }
+        size_t got = 0;
         LocalStatus status =
-            WriteAll(fd, buffer.data(), static_cast<size_t>(request.read), upload.key);
+            ReadUploadSource(upload.source, upload.handle, upload.size, done, buffer.data(),
+                             std::min<uint64_t>(buffer.size(), total - done), &got, upload.key);
         if (!status.ok()) return status;
-        done += static_cast<uint64_t>(request.read);
+        status = WriteAll(fd, buffer.data(), got, upload.key);
+        if (!status.ok()) return status;
+        done += got;
         reporter.Report(done);
     }
     if (total == 0) reporter.Report(0);

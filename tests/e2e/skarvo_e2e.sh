@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
-# End-to-end checks of `skarvo mount local:DIR MNT` with the ordinary tools.
+# End-to-end checks of `skarvo mount REMOTE MNT` with the ordinary tools.
 # Usage: skarvo_e2e.sh PATH_TO_SKARVO [CASE...]
+# E2E_REMOTE=local (default) mounts local:DIR; E2E_REMOTE=webdav mounts a
+# share of a private Apache server (tests/webdav/apache_fixture.sh) whose
+# folder on disk stands in as DIR, and adds the cases of webdav_cases.sh.
 # Needs root and /dev/fuse; exits 77 (skipped) without them.
 set -u
 
@@ -16,6 +19,7 @@ for tool in git rsync sqlite3 tar sha256sum; do
   command -v "$tool" >/dev/null || { echo "skipped: $tool is missing"; exit 77; }
 done
 
+HERE=$(dirname "$(realpath "$0")")
 WORK=$(mktemp -d /tmp/skarvo-e2e-XXXXXX)
 REMOTE=$WORK/remote
 MNT=$WORK/mnt
@@ -23,14 +27,37 @@ CACHE=$WORK/cache
 PID=
 passed=0
 failed=0
+CASES=(copies edits git tar rsync sqlite cache_limit huge_length remote_changes)
 
 cleanup() {
   [ -n "$PID" ] && kill -TERM "$PID" 2>/dev/null && sleep 1
   grep -q " $MNT " /proc/mounts && umount -l "$MNT"
   grep -q " $CACHE " /proc/mounts && umount -l "$CACHE"
+  [ "$(type -t dav_stop)" = function ] && dav_stop
   [ -n "${KEEP:-}" ] || rm -rf "$WORK"
 }
 trap cleanup EXIT
+
+case "${E2E_REMOTE:-local}" in
+  local) REMOTE_ARG=local:$REMOTE ;;
+  webdav)
+    for tool in apache2 openssl curl htpasswd; do
+      command -v "$tool" >/dev/null || [ -x "/usr/sbin/$tool" ] || { echo "skipped: $tool is missing"; exit 77; }
+    done
+    # shellcheck source=../webdav/apache_fixture.sh
+    . "$HERE/../webdav/apache_fixture.sh"
+    # shellcheck source=webdav_cases.sh
+    . "$HERE/webdav_cases.sh"
+    DAV_ROOT=$WORK/dav
+    dav_start "$WORK/apache" || exit 1
+    REMOTE=$DAV_ROOT/dav
+    # The server owns what it stores; git run as root checks the share's copy.
+    export GIT_CONFIG_COUNT=1 GIT_CONFIG_KEY_0=safe.directory GIT_CONFIG_VALUE_0='*'
+    REMOTE_ARG=webdav://127.0.0.1:$DAV_PORT/dav
+    CASES=(copies edits git tar rsync remote_changes "${WEBDAV_CASES[@]}")
+    ;;
+  *) echo "unknown E2E_REMOTE '$E2E_REMOTE'"; exit 2 ;;
+esac
 
 fail() { echo "FAIL: $*"; return 1; }
 
@@ -38,7 +65,7 @@ fail() { echo "FAIL: $*"; return 1; }
 up() {
   mkdir -p "$REMOTE" "$MNT"
   "$SKARVO" mount --cache-dir "$CACHE" --log-file "$WORK/skarvo.log" --log-level "${E2E_LOG_LEVEL:-info}" \
-    "$@" "local:$REMOTE" "$MNT" &
+    "$@" "$REMOTE_ARG" "$MNT" &
   PID=$!
   for _ in $(seq 1 100); do
     grep -q " $MNT fuse.skfs " /proc/mounts && return 0
@@ -61,7 +88,7 @@ down() {
 # What the remote folder must never hold.
 no_leftovers() {
   local found
-  found=$(find "$REMOTE" \( -name '.ql_disable*' -o -name '.skarvo-upload-*' -o -name '*.skarvo-part' \) | head -5)
+  found=$(find "$REMOTE" \( -name '.ql_disable*' -o -name '.skarvo-upload-*' -o -name '*.skarvo-part' -o -name '.davfs.tmp*' \) | head -5)
   [ -z "$found" ] || fail "left in the remote: $found"
 }
 
@@ -287,7 +314,7 @@ case_remote_changes() {
   down
 }
 
-for name in copies edits git tar rsync sqlite cache_limit huge_length remote_changes; do
+for name in "${CASES[@]}"; do
   run_case "$name"
 done
 echo "$passed passed, $failed failed"

@@ -182,14 +182,14 @@ TEST(CliOptionsTest, RemotesGoThroughTheSchemeTable) {
 
     // Opening reports the remote's own problem.
     ASSERT_TRUE(ParseRemote("local:/nonexistent/skarvo-remote", &argument, &error));
-    const OpenedRemote missing = OpenRemote(argument, &error);
+    const OpenedRemote missing = OpenRemote(argument, RemoteOptions(), &error);
     EXPECT_EQ(missing.protocol, nullptr);
     EXPECT_NE(error.find("does not exist"), std::string::npos) << error;
 
     char dir[] = "/tmp/cli_options_test.XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     ASSERT_TRUE(ParseRemote(std::string("local:") + dir, &argument, &error));
-    const OpenedRemote opened = OpenRemote(argument, &error);
+    const OpenedRemote opened = OpenRemote(argument, RemoteOptions(), &error);
     ASSERT_NE(opened.protocol, nullptr) << error;
     EXPECT_EQ(opened.localFolder, std::filesystem::canonical(dir).string());
     rmdir(dir);

@@ -1,0 +1,403 @@
+#include "remotes/webdav_protocol.h"
+
+#include <cstring>
+
+#include "remotes/local_paths.h"
+#include "remotes/local_record.h"
+#include "remotes/webdav_record.h"
+
+namespace {
+
+constexpr char kRootKey[] = "/";
+constexpr char kServerTemporaryPrefix[] = ".davfs.tmp";
+constexpr size_t kMaxRefusedLogged = 1000;
+
+LocalStatus MissingArgument(const char* what) {
+    return LocalStatus::Error(INVALID_PARAMETER, std::string("no ") + what + " given");
+}
+
+AERROR CopyText(const std::string& text, char* buffer, unsigned long length) {
+    if (buffer == nullptr || length <= text.size()) return INSUFFICIENT_BUFFER;
+    memcpy(buffer, text.c_str(), text.size() + 1);
+    return SUCCESS;
+}
+
+}  // namespace
+
+WebdavProtocol::WebdavProtocol(WebdavAddress address, HttpSettings settings)
+    : log_(settings.log), http_(std::move(address), std::move(settings)) {}
+
+bool WebdavProtocol::Check(std::string* error) {
+    DavEntry root;
+    const LocalStatus status = Stat(kRootKey, &root);
+    const std::string server = http_.Address().Origin();
+    const std::string share = http_.Address().Identity();
+    if (status.ok() && root.folder) return true;
+    if (status.ok()) {
+        *error = share + " is a file, not a folder";
+    } else if (status.code == AUTH_FAILED) {
+        const std::string& user = http_.Address().user;
+        *error = "the WebDAV server " + server + " refused the login" +
+                 (user.empty() ? "" : " of " + user) + " (" + status.text +
+                 "); check ~/.netrc, SKARVO_WEBDAV_PASSWORD or --password-file";
+    } else if (status.code == CERT_INVALID || status.code == SOCK_SSL_HANDSHAKE_FAILED) {
+        *error = "cannot trust the certificate of " + server + " (" + status.text +
+                 "); --insecure accepts a self-signed certificate";
+    } else {
+        *error = "cannot open " + share + ": " + status.text + " (" + GetAERRORA(status.code) + ")";
+    }
+    return false;
+}
+
+AERROR WebdavProtocol::GetIdentity(char* buffer, unsigned long length) {
+    return CopyText(http_.Address().Identity(), buffer, length);
+}
+
+AERROR WebdavProtocol::GetRootKey(char* buffer, unsigned long* length) {
+    if (length == nullptr) return INVALID_PARAMETER;
+    const AERROR code = CopyText(kRootKey, buffer, *length);
+    *length = strlen(kRootKey);
+    return code;
+}
+
+unsigned int WebdavProtocol::GetCapabilities() {
+    return PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_REPORTS_CHANGES | PROTOCOL_CAP_SET_TIME;
+}
+
+bool WebdavProtocol::IsValidName(const char* name) {
+    return name != nullptr && IsAcceptableDavName(name);
+}
+
+AERROR WebdavProtocol::DescribeCookie(void* cookie, char* buffer, unsigned long length) {
+    if (buffer == nullptr || length == 0) return INSUFFICIENT_BUFFER;
+    const std::string& text = CookieText(cookie);
+    const size_t count = std::min<size_t>(text.size(), length - 1);
+    memcpy(buffer, text.data(), count);
+    buffer[count] = '\0';
+    return count < text.size() ? INSUFFICIENT_BUFFER : SUCCESS;
+}
+
+void WebdavProtocol::ReleaseCookie(void* cookie) {
+    FreeCookie(cookie);
+}
+
+void WebdavProtocol::ToRecord(const std::string& key, const DavEntry& entry, _FS_FILE_V2* record) {
+    FillDavRecord(key, entry, record);
+    if (!entry.folder) times_.Apply(key, record);
+}
+
+AERROR WebdavProtocol::SetItemTime(const char* key, long long /*createTime*/,
+                                   long long /*accessTime*/, long long modifyTime, void** cookie) {
+    if (key == nullptr) return ReportStatus(MissingArgument("key"), cookie);
+    if (modifyTime == 0) return SUCCESS;
+    std::string etag = etags_.Latest(key);
+    if (etag.empty()) {
+        DavEntry entry;
+        const LocalStatus status = Stat(key, &entry);
+        if (!status.ok()) return ReportStatus(status, cookie);
+        if (entry.folder) return SUCCESS;
+        etag = entry.etag;
+    }
+    struct timespec time {};
+    time.tv_sec = static_cast<time_t>(modifyTime);
+    times_.Set(key, etag, FormatRecordTime(time));
+    return SUCCESS;
+}
+
+LocalStatus WebdavProtocol::Propfind(const std::string& key, int depth, bool quota,
+                                     std::vector<DavEntry>* entries) {
+    HttpRequest request;
+    request.method = "PROPFIND";
+    request.path = http_.Address().PathOf(key, depth > 0);
+    request.headers = {"Depth: " + std::to_string(depth),
+                       "Content-Type: application/xml; charset=utf-8"};
+    request.body = PropfindBody(quota);
+    HttpResponse response;
+    LocalStatus status = http_.Send(request, &response);
+    if (!status.ok()) return status;
+    std::vector<std::string> segments = http_.Address().base;
+    for (const std::string& part : KeySegments(key))
+        segments.push_back(part);
+    status = ParseMultistatus(response.body, segments, entries);
+    if (!status.ok()) status.text = "PROPFIND " + request.path + ": " + status.text;
+    return status;
+}
+
+LocalStatus WebdavProtocol::Stat(const std::string& key, DavEntry* entry) {
+    std::vector<DavEntry> entries;
+    LocalStatus status = Propfind(key, 0, key == kRootKey, &entries);
+    if (!status.ok()) return status;
+    if (entries.empty()) {
+        return LocalStatus::Error(FAILED, "PROPFIND " + http_.Address().PathOf(key, false) +
+                                              ": the server's answer names no item");
+    }
+    *entry = std::move(entries.front());
+    return LocalStatus::Ok();
+}
+
+LocalStatus WebdavProtocol::StatRecord(const std::string& key, _FS_FILE_V2* record) {
+    DavEntry entry;
+    LocalStatus status = Stat(key, &entry);
+    if (status.ok()) ToRecord(key, entry, record);
+    return status;
+}
+
+AERROR WebdavProtocol::GetQuota(unsigned long long* total, unsigned long long* used) {
+    DavEntry root;
+    const LocalStatus status = Stat(kRootKey, &root);
+    if (!status.ok()) return status.code;
+    if (total != nullptr) *total = root.hasQuota ? root.quotaAvailable + root.quotaUsed : 0;
+    if (used != nullptr) *used = root.hasQuota ? root.quotaUsed : 0;
+    return SUCCESS;
+}
+
+AERROR WebdavProtocol::GetItem(const char* key, _FS_FILE_V2* record, void** cookie) {
+    if (key == nullptr || record == nullptr) {
+        return ReportStatus(MissingArgument("key or record"), cookie);
+    }
+    return ReportStatus(StatRecord(key, record), cookie);
+}
+
+void WebdavProtocol::LogRefused(const std::string& what) {
+    {
+        std::lock_guard<std::mutex> lock(refusedMutex_);
+        if (refused_.size() >= kMaxRefusedLogged || !refused_.insert(what).second) return;
+    }
+    if (log_ != nullptr) log_->Log(LL_WARNING, "webdav: %s", what.c_str());
+}
+
+bool WebdavProtocol::IsChildName(const std::string& folderKey, const DavEntry& entry,
+                                 std::string* name) {
+    std::vector<std::string> folder = http_.Address().base;
+    for (const std::string& part : KeySegments(folderKey))
+        folder.push_back(part);
+    const std::vector<std::string>& path = entry.segments;
+    if (path == folder) return false;  // the folder's own entry
+    const bool inside =
+        path.size() == folder.size() + 1 && std::equal(folder.begin(), folder.end(), path.begin());
+    if (!inside || !IsAcceptableDavName(path.back())) {
+        std::string shown;
+        for (const std::string& part : path)
+            shown += "/" + part;
+        LogRefused(folderKey + ": the server listed \"" + shown + "\", which is not a usable name");
+        return false;
+    }
+    *name = path.back();
+    return name->compare(0, strlen(kServerTemporaryPrefix), kServerTemporaryPrefix) != 0;
+}
+
+LocalStatus WebdavProtocol::ReadFolder(const std::string& key, std::vector<_FS_FILE_V2>* records,
+                                       FolderWatch::Entries* states) {
+    std::vector<DavEntry> entries;
+    LocalStatus status = Propfind(key, 1, false, &entries);
+    if (!status.ok()) return status;
+    records->clear();
+    states->clear();
+    for (const DavEntry& entry : entries) {
+        std::string name;
+        if (!IsChildName(key, entry, &name) || states->count(name) != 0) continue;
+        _FS_FILE_V2 record;
+        ToRecord(JoinKey(key, name), entry, &record);
+        records->push_back(std::move(record));
+        (*states)[name] = DavStateOf(entry);
+    }
+    return LocalStatus::Ok();
+}
+
+AERROR WebdavProtocol::ListFolder(const char* key, IFileList* sink, void** cookie) {
+    if (key == nullptr || sink == nullptr) {
+        return ReportStatus(MissingArgument("key or sink"), cookie);
+    }
+    const uint64_t generation = watch_.Generation(key);
+    std::vector<_FS_FILE_V2> records;
+    FolderWatch::Entries states;
+    const LocalStatus status = ReadFolder(key, &records, &states);
+    if (!status.ok()) return ReportStatus(status, cookie);
+    watch_.Store(key, generation, std::move(states));
+    for (_FS_FILE_V2& record : records) {
+        const AERROR code = sink->AddFile(&record);
+        if (code != SUCCESS) {
+            return ReportStatus(
+                LocalStatus::Error(code, std::string(key) + ": the listing was not taken"), cookie);
+        }
+    }
+    return SUCCESS;
+}
+
+AERROR WebdavProtocol::GetChanges(IFileChanges* sink, void** cookie) {
+    if (sink == nullptr) return ReportStatus(MissingArgument("sink"), cookie);
+    for (const std::string& key : watch_.Folders())
+        PollFolder(key, sink);
+    return SUCCESS;
+}
+
+void WebdavProtocol::PollFolder(const std::string& key, IFileChanges* sink) {
+    const uint64_t generation = watch_.Generation(key);
+    std::vector<_FS_FILE_V2> records;
+    FolderWatch::Entries states;
+    const LocalStatus status = ReadFolder(key, &records, &states);
+    if (status.code == FILE_NOT_FOUND) {
+        // Gone: the poll of its parent reports that.
+        watch_.Forget(key);
+        return;
+    }
+    if (!status.ok()) return;
+    for (const DavChange& change : watch_.Compare(key, generation, std::move(states))) {
+        if (change.kind == DavChange::Kind::kRemoved) {
+            sink->Removed(key.c_str(), change.name.c_str());
+            continue;
+        }
+        for (_FS_FILE_V2& record : records) {
+            if (record.name != change.name) continue;
+            if (change.kind == DavChange::Kind::kAdded) {
+                sink->Added(key.c_str(), &record);
+            } else {
+                sink->Changed(record.key.c_str(), &record);
+            }
+            break;
+        }
+    }
+}
+
+LocalStatus WebdavProtocol::Simple(const std::string& method, const std::string& path,
+                                   std::vector<std::string> headers) {
+    HttpRequest request;
+    request.method = method;
+    request.path = path;
+    request.headers = std::move(headers);
+    request.idempotent = method != "MKCOL";
+    HttpResponse response;
+    return http_.Send(request, &response);
+}
+
+LocalStatus WebdavProtocol::Move(const std::string& key, const std::string& newKey, bool folder,
+                                 bool overwrite, _FS_FILE_V2* record) {
+    const std::string parent = ParentKey(key);
+    const std::string newParent = ParentKey(newKey);
+    watch_.Erase(parent, NameOfKey(key));
+    watch_.Touch(newParent);
+    LocalStatus status = Simple("MOVE", http_.Address().PathOf(key, folder),
+                                {"Destination: " + http_.Address().UrlOf(newKey, folder),
+                                 std::string("Overwrite: ") + (overwrite ? "T" : "F")});
+    if (!status.ok()) return status;
+    if (folder) watch_.Forget(key);
+    etags_.Moved(key, newKey);
+    times_.Moved(key, newKey);
+    DavEntry entry;
+    status = Stat(newKey, &entry);
+    if (!status.ok()) return status;
+    ToRecord(newKey, entry, record);
+    watch_.Put(newParent, NameOfKey(newKey), DavStateOf(entry));
+    return LocalStatus::Ok();
+}
+
+AERROR WebdavProtocol::RenameItem(const char* key, const char* parentKey, _FS_FILE_V2* record,
+                                  void** cookie) {
+    if (key == nullptr || parentKey == nullptr || record == nullptr) {
+        return ReportStatus(MissingArgument("key, folder key or record"), cookie);
+    }
+    if (!IsAcceptableDavName(record->name)) {
+        return ReportStatus(
+            LocalStatus::Error(INVALID_NAME, "invalid name \"" + record->name + "\""), cookie);
+    }
+    if (ParentKey(key) != parentKey || std::string(key) == kRootKey) {
+        return ReportStatus(
+            LocalStatus::Error(INVALID_PARAMETER,
+                               std::string(key) + " is not in the folder " + parentKey),
+            cookie);
+    }
+    const std::string newKey = JoinKey(parentKey, record->name);
+    if (newKey == key) return ReportStatus(StatRecord(key, record), cookie);
+    const bool folder = (record->attributes & FILE_ATTRIBUTE_FOLDER) != 0;
+    return ReportStatus(Move(key, newKey, folder, false, record), cookie);
+}
+
+AERROR WebdavProtocol::MoveItem(const char* key, const char* newParentKey, _FS_FILE_V2* record,
+                                void** cookie) {
+    if (key == nullptr || newParentKey == nullptr || record == nullptr) {
+        return ReportStatus(MissingArgument("key, folder key or record"), cookie);
+    }
+    return ReportStatus(DoMoveItem(key, newParentKey, record), cookie);
+}
+
+LocalStatus WebdavProtocol::DoMoveItem(const std::string& key, const std::string& newParentKey,
+                                       _FS_FILE_V2* record) {
+    DavEntry item;
+    LocalStatus status = Stat(key, &item);
+    if (!status.ok()) return status;
+    if (item.folder) return LocalStatus::Error(INVALID_PARAMETER, key + " is a folder");
+    const std::string newKey = JoinKey(newParentKey, NameOfKey(key));
+    if (newKey == key) {
+        ToRecord(key, item, record);
+        return LocalStatus::Ok();
+    }
+    // Only a file may take the place of another file.
+    DavEntry target;
+    status = Stat(newKey, &target);
+    if (status.ok() && target.folder) {
+        return LocalStatus::Error(ALREADY_EXISTS, newKey + ": a folder has this name");
+    }
+    if (!status.ok() && status.code != FILE_NOT_FOUND) return status;
+    return Move(key, newKey, false, status.ok(), record);
+}
+
+AERROR WebdavProtocol::MoveFolder(const char* key, const char* newParentKey, _FS_FILE_V2* record,
+                                  void** cookie) {
+    if (key == nullptr || newParentKey == nullptr || record == nullptr) {
+        return ReportStatus(MissingArgument("key, folder key or record"), cookie);
+    }
+    if (std::string(key) == kRootKey || IsSameOrBelow(newParentKey, key)) {
+        return ReportStatus(
+            LocalStatus::Error(INVALID_PARAMETER, std::string(key) + " cannot move into itself"),
+            cookie);
+    }
+    const std::string newKey = JoinKey(newParentKey, NameOfKey(key));
+    if (newKey == key) return ReportStatus(StatRecord(key, record), cookie);
+    return ReportStatus(Move(key, newKey, true, false, record), cookie);
+}
+
+AERROR WebdavProtocol::CreateFolder(const char* parentKey, _FS_FILE_V2* record, void** cookie) {
+    if (parentKey == nullptr || record == nullptr) {
+        return ReportStatus(MissingArgument("folder key or record"), cookie);
+    }
+    return ReportStatus(DoCreateFolder(parentKey, record), cookie);
+}
+
+LocalStatus WebdavProtocol::DoCreateFolder(const std::string& parentKey, _FS_FILE_V2* record) {
+    if (!IsAcceptableDavName(record->name)) {
+        return LocalStatus::Error(INVALID_NAME, "invalid name \"" + record->name + "\"");
+    }
+    const std::string key = JoinKey(parentKey, record->name);
+    watch_.Touch(parentKey);
+    LocalStatus status = Simple("MKCOL", http_.Address().PathOf(key, true), {});
+    if (!status.ok()) return status;
+    DavEntry entry;
+    status = Stat(key, &entry);
+    if (!status.ok()) return status;
+    ToRecord(key, entry, record);
+    watch_.Put(parentKey, record->name, DavStateOf(entry));
+    return LocalStatus::Ok();
+}
+
+AERROR WebdavProtocol::DeleteItem(const _FS_FILE_V2* record, void** cookie) {
+    if (record == nullptr) return ReportStatus(MissingArgument("record"), cookie);
+    return ReportStatus(DoDelete(record->key, false), cookie);
+}
+
+AERROR WebdavProtocol::DeleteFolder(const _FS_FILE_V2* record, void** cookie) {
+    if (record == nullptr) return ReportStatus(MissingArgument("record"), cookie);
+    return ReportStatus(DoDelete(record->key, true), cookie);
+}
+
+LocalStatus WebdavProtocol::DoDelete(const std::string& key, bool folder) {
+    if (key.empty() || key == kRootKey) {
+        return LocalStatus::Error(INVALID_PARAMETER, "the share itself cannot be deleted");
+    }
+    watch_.Erase(ParentKey(key), NameOfKey(key));
+    const LocalStatus status = Simple("DELETE", http_.Address().PathOf(key, folder), {});
+    watch_.Erase(ParentKey(key), NameOfKey(key));
+    if (folder) watch_.Forget(key);
+    etags_.Removed(key);
+    times_.Removed(key);
+    return status;
+}
