@@ -248,6 +248,7 @@ AERROR File::CommitUpload(_FS_FILE_V2& record, const UploadPlace& place, uint64_
         remoteKey_ = record.key;
         auto next = std::make_shared<_FS_FILE_EXT>(*Info());
         next->key = record.key;
+        next->extra = record.extra;
         next->knownSize = record.size;
         // What changed since the upload started is local: only what was sent
         // may be fetched.

@@ -27,15 +27,20 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
         copy.accessTime = adjustTime_(copy.accessTime.c_str());
         copy.modifyTime = adjustTime_(copy.modifyTime.c_str());
         if (!IsAcceptableName(copy.name)) copy.name = current->name;
+        // The protocol's opaque text (a version tag, for example) changes
+        // with the content too, even when size and time stay.
         contentChanged = !sameContent && (copy.size != current->knownSize ||
-                                          copy.modifyTime != current->modifyTime);
+                                          copy.modifyTime != current->modifyTime ||
+                                          copy.extra != current->extra);
 
         auto next = std::make_shared<_FS_FILE_EXT>();
         *next = copy;
         const bool localWriter = IsModified() || IsUploading() || handles_.ExistWriteHandle();
         if (localWriter) {
+            // The local change stays based on the version it started from.
             next->size = current->size;
             next->modifyTime = current->modifyTime;
+            next->extra = current->extra;
         } else {
             fetchableSize_ = next->size;
         }
