@@ -302,11 +302,16 @@ TEST_F(BrowseTest, DesktopProbesNeverListAFolder) {
 TEST_F(BrowseTest, UntrustedNamesNeverBecomeNodes) {
     auto protocol = std::make_shared<UntrustedNamesProtocol>();
     protocol->AddFile("/good.txt", "g");
+    // No path can reach a name with a backslash: it is left out, said once.
+    protocol->AddFile("/a\\b.txt", "unreachable");
     ASSERT_EQ(fs_->AddProtocol(protocol, "memory"), SUCCESS);
     const auto names = List("/");
     EXPECT_EQ(names, (std::set<std::string>{".", "..", ".ql_disablethumbnails", ".ql_disablecache",
                                             "good.txt"}));
     EXPECT_EQ(log_.Count("[FILESYSTEM] No filename in data - bad/1/0", LL_WARNING), 5);
+    fs_->SetConfiguration(R"({"fs": {"fetch": {"async": "0"}}})");
+    List("/");
+    EXPECT_EQ(log_.Count("a name with a backslash cannot be reached", LL_WARNING), 1);
 }
 
 TEST_F(BrowseTest, AMissPollsAProtocolThatReportsChangesAtMostOncePerInterval) {
