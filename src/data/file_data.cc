@@ -164,7 +164,9 @@ AERROR File::ReadFile(_FS_HANDLE_EXT* handle, void* buffer, unsigned long size, 
     const bool asyncUpload =
         fileSystem_ == nullptr ||
         (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_ASYNC_UPLOAD) != 0;
-    if (!asyncUpload && IsUploading()) return FILE_READ_FAILED;
+    // Only a streaming upload takes the content away while it runs; an
+    // ordinary upload reads the cache and leaves it readable.
+    if (!asyncUpload && IsUploading() && StreamingPipe()) return FILE_READ_FAILED;
     if (!protocol_) return FILE_READ_FAILED;
 
     auto info = Info();
