@@ -159,7 +159,7 @@ void File::RemoveHash(const std::string& key) {
 std::shared_ptr<File> File::FindHash(const std::string& key) {
     std::lock_guard<std::mutex> lock(hashLock_);
     auto it = hashes_.find(key);
-    return it == hashes_.end() ? nullptr : it->second;
+    return it == hashes_.end() ? nullptr : it->second.lock();
 }
 
 void File::ClearHashForChanges() {

@@ -320,7 +320,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // children_.size(), readable without the child lock.
     std::atomic<size_t> childCount_{0};
     std::mutex hashLock_;
-    Children hashes_;  // guarded by hashLock_
+    // Weak, so that a node indexed after teardown cleared the index (an
+    // upload that ends late) never keeps the tree alive.
+    std::unordered_map<std::string, std::weak_ptr<File>> hashes_;  // guarded by hashLock_
     std::atomic<File*> parent_;
     std::shared_ptr<File> parentRef_;         // guarded by dataMutex_
     std::shared_ptr<ICacheObj> cacheObject_;  // guarded by dataMutex_
