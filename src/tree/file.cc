@@ -159,7 +159,15 @@ void File::RemoveHash(const std::string& key) {
 std::shared_ptr<File> File::FindHash(const std::string& key) {
     std::lock_guard<std::mutex> lock(hashLock_);
     auto it = hashes_.find(key);
-    return it == hashes_.end() ? nullptr : it->second.lock();
+    if (it == hashes_.end()) return nullptr;
+    auto node = it->second.lock();
+    // An entry left by a node that was renamed or moved since names
+    // another item now: it is dropped, never applied to the wrong node.
+    if (!node || (node->RemoteKey() != key && node->Key() != key)) {
+        hashes_.erase(it);
+        return nullptr;
+    }
+    return node;
 }
 
 void File::ClearHashForChanges() {

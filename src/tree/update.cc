@@ -16,6 +16,7 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
     if (record == nullptr) return;
     updatedAt_ = Clock::now();
     bool contentChanged;
+    bool rekeyed = false;
     std::shared_ptr<ICacheObj> cacheObject;
     std::string oldKey;
     std::string extra;
@@ -29,9 +30,9 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
         if (!IsAcceptableName(copy.name)) copy.name = current->name;
         // The protocol's opaque text (a version tag, for example) changes
         // with the content too, even when size and time stay.
-        contentChanged = !sameContent && (copy.size != current->knownSize ||
-                                          copy.modifyTime != current->modifyTime ||
-                                          copy.extra != current->extra);
+        contentChanged = !sameContent &&
+                         (copy.size != current->knownSize ||
+                          copy.modifyTime != current->modifyTime || copy.extra != current->extra);
 
         auto next = std::make_shared<_FS_FILE_EXT>();
         *next = copy;
@@ -44,12 +45,17 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
         } else {
             fetchableSize_ = next->size;
         }
-        if (!copy.key.empty()) remoteKey_ = copy.key;
+        if (!copy.key.empty()) {
+            rekeyed = copy.key != remoteKey_;
+            remoteKey_ = copy.key;
+        }
         PublishInfo(next);
         cacheObject = cacheObject_;
         oldKey = cacheKey_;
         extra = next->extra;
     }
+    // Change reports name the item by its new key from now on.
+    if (rekeyed) IndexForChanges(shared_from_this());
     if (contentChanged) {
         if (cacheObject) {
             cacheObject->DropClean();
