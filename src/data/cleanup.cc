@@ -69,7 +69,9 @@ AERROR File::Cleanup(_FS_HANDLE_EXT* handle, bool deleting, IExportService* expo
                     const std::string origin = BuildOriginPathA();
                     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Upload - %s(%s)",
                              Name().c_str(), origin.c_str());
-                    result = UploadNow(copy, exportService);
+                    // The release is the last word on this file: a failure
+                    // goes to the host, so that it is retried or saved.
+                    result = UploadNow(copy, exportService, record);
                     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Upload - %s(%s) done(%s)",
                              Name().c_str(), origin.c_str(),
                              result == SUCCESS ? "Success" : "Failed");

@@ -355,11 +355,12 @@ AERROR File::AskAboutFailure(AERROR result, const std::shared_ptr<_ASYNCJOB>& jo
     return result;
 }
 
-AERROR File::UploadNow(std::shared_ptr<_FS_HANDLE_EXT> handle, IExportService* exportService) {
+AERROR File::UploadNow(std::shared_ptr<_FS_HANDLE_EXT> handle, IExportService* exportService,
+                       std::shared_ptr<_FS_HANDLE_EXT> origin) {
     auto job = std::make_shared<_ASYNCJOB>();
     job->kind = ASYNCJOB_UPLOAD;
     job->handle = handle;
-    job->origin = handle;
+    job->origin = origin ? std::move(origin) : handle;
     {
         // Runs as the node's job, so that a delete cancels it and waits.
         std::unique_lock<std::mutex> lock(jobLock_);

@@ -234,7 +234,10 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     AERROR AsyncJobUpload(AERROR result, std::shared_ptr<_ASYNCJOB> job,
                           IExportService* exportService);
     // Uploads at once, on the caller's thread, on behalf of `handle`.
-    AERROR UploadNow(std::shared_ptr<_FS_HANDLE_EXT> handle, IExportService* exportService);
+    // `origin` is the open the upload follows: once it is closed, a failure
+    // is put to the host (retried or saved), never just returned.
+    AERROR UploadNow(std::shared_ptr<_FS_HANDLE_EXT> handle, IExportService* exportService,
+                     std::shared_ptr<_FS_HANDLE_EXT> origin = nullptr);
     // Writes the cached content to a local file (through a temporary file
     // renamed into place).
     AERROR SaveCacheToFile(const std::string& path);
