@@ -76,7 +76,7 @@ OpenedRemote OpenFault(const std::string& location, const RemoteOptions& options
     if (!opened.protocol) return opened;
     opened.protocol = std::make_shared<FaultProtocol>(std::move(opened.protocol), std::move(faults),
                                                       std::chrono::seconds(options.timeoutSeconds),
-                                                      options.stopping);
+                                                      options.stopping, options.log);
     return opened;
 }
 

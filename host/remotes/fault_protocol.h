@@ -16,9 +16,10 @@
 // Waits end at once when skarvo stops (stop_notice.h); a hung call then
 // fails with SOCK_TIMEOUT too.
 //
-// An injected failure stores an error object of this protocol's own in the
-// cookie slot, saying that the failure was injected; every other cookie is
-// the wrapped remote's and is passed back to it. The identity is
+// An injected failure is logged (info level) with the item it hit, and
+// stores an error object of this protocol's own in the cookie slot, saying
+// that the failure was injected; every other cookie is the wrapped remote's
+// and is passed back to it. The identity is
 // "fault:FAULTS:" followed by the wrapped remote's, so a remote can be
 // mounted beside itself with faults. Thread safe.
 #ifndef SKARVO_REMOTES_FAULT_PROTOCOL_H_
@@ -30,6 +31,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "libfilesystem/log.h"
 #include "libfilesystem/protocol.h"
 #include "remotes/fault_draws.h"
 #include "remotes/fault_list.h"
@@ -37,9 +39,10 @@
 
 class FaultProtocol : public IProtocol_V2 {
   public:
-    // `timeout` is how long a hung call waits.
+    // `timeout` is how long a hung call waits; `stop` may be null (never),
+    // and `log` too.
     FaultProtocol(std::shared_ptr<IProtocol_V2> wrapped, FaultList faults,
-                  std::chrono::milliseconds timeout, std::shared_ptr<StopNotice> stop);
+                  std::chrono::milliseconds timeout, std::shared_ptr<StopNotice> stop, ILog* log);
     ~FaultProtocol() override;
 
     AERROR Connect() override { return wrapped_->Connect(); }
@@ -80,22 +83,25 @@ class FaultProtocol : public IProtocol_V2 {
     }
 
   private:
-    // The latency and hang of `op`, then its drawn failure: SUCCESS when the
-    // call is to be forwarded.
-    AERROR Before(FaultOp op, void** cookie);
-    // The latency and hang of `op` only.
-    AERROR Delay(FaultOp op, void** cookie);
-    // Fails with `code`, storing an error object saying `what` in *cookie.
-    AERROR Inject(AERROR code, const std::string& what, void** cookie);
-    // An upload that fails after the wrapped remote read `cutoff` bytes.
+    // The latency and hang of a call of `op` on the item `key`, then its
+    // drawn failure: SUCCESS when the call is to be forwarded.
+    AERROR Before(FaultOp op, const char* key, void** cookie);
+    // The latency and hang only.
+    AERROR Delay(FaultOp op, const char* key, void** cookie);
+    // Fails `op` on `key` with `code`, `how` saying more ("hung until the
+    // time-out"); logs it and stores an error object saying it in *cookie.
+    AERROR Inject(FaultOp op, const char* key, const std::string& how, AERROR code, void** cookie);
+    // An upload of `key` that fails after the wrapped remote read `cutoff`
+    // bytes.
     AERROR UploadCut(const char* parentKey, const std::shared_ptr<_FS_HANDLE>& handle,
                      ICacheIO* source, _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress,
-                     long long cutoff, void** cookie);
+                     long long cutoff, const char* key, void** cookie);
 
     const std::shared_ptr<IProtocol_V2> wrapped_;
     const FaultList faults_;
     const std::chrono::milliseconds timeout_;
     const std::shared_ptr<StopNotice> stop_;
+    ILog* const log_;
     FaultDraws draws_;
 
     std::mutex cookiesMutex_;
