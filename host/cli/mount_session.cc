@@ -44,15 +44,20 @@ int Fail(const std::string& line) {
 // points.
 class LibraryVolume : public VolumeControl {
   public:
-    LibraryVolume(std::string mountPoint, ICacheService* cache, UploadEvents* events)
-        : mountPoint_(std::move(mountPoint)), cache_(cache), events_(events) {}
+    LibraryVolume(std::string mountPoint, ICacheService* cache, UploadEvents* events,
+                  StopNotice* stopping)
+        : mountPoint_(std::move(mountPoint)), cache_(cache), events_(events), stopping_(stopping) {}
 
+    // A stop signal also ends the remotes' own waits, so that nothing holds
+    // the unmount up.
     bool WaitForSignal(std::chrono::milliseconds timeout) override {
         const sigset_t set = StopSignals();
         struct timespec wait {};
         wait.tv_sec = static_cast<time_t>(timeout.count() / 1000);
         wait.tv_nsec = static_cast<long>(timeout.count() % 1000) * 1000000;
-        return sigtimedwait(&set, nullptr, &wait) > 0;
+        if (sigtimedwait(&set, nullptr, &wait) <= 0) return false;
+        stopping_->Stop();
+        return true;
     }
     AERROR Unmount(bool force) override { return ::Unmount(mountPoint_.c_str(), force); }
     bool IsMounted() override { return FS_GetFileSystemImpl(mountPoint_.c_str()) != nullptr; }
@@ -81,6 +86,7 @@ class LibraryVolume : public VolumeControl {
     const std::string mountPoint_;
     ICacheService* const cache_;
     UploadEvents* const events_;
+    StopNotice* const stopping_;
 };
 
 std::string MountErrorText(AERROR code, const std::string& point, const MountOptions& options) {
@@ -129,6 +135,7 @@ class Session {
     std::unique_ptr<JobQueue> queue_;
     std::shared_ptr<DiskCache> cache_;
     std::shared_ptr<UploadEvents> events_;
+    const std::shared_ptr<StopNotice> stopping_ = std::make_shared<StopNotice>();
     bool bound_ = false;
     bool mounted_ = false;
 };
@@ -151,6 +158,7 @@ int Session::Prepare() {
     std::set<std::string> seen;
     RemoteOptions remoteOptions = options_.remote;
     remoteOptions.log = logger_.get();
+    remoteOptions.stopping = stopping_;
     for (const RemoteArgument& argument : options_.remotes) {
         OpenedRemote remote = OpenRemote(argument, remoteOptions, &error);
         if (!remote.protocol) return Fail(error);
@@ -243,7 +251,7 @@ int Session::Run() {
         });
     }
     fs->SetFSEvent(events_);
-    LibraryVolume volume(point_, cache_.get(), events_.get());
+    LibraryVolume volume(point_, cache_.get(), events_.get(), stopping_.get());
     if (const int failed = AddRemotes()) {
         if (!ForceUnmount(volume)) _exit(failed);
         mounted_ = false;
@@ -267,9 +275,10 @@ int Session::Run() {
 }
 
 void Session::Teardown() {
+    stopping_->Stop();
     if (mounted_) {
         // A failure after mounting: the volume must not outlive skarvo.
-        LibraryVolume volume(point_, cache_.get(), events_.get());
+        LibraryVolume volume(point_, cache_.get(), events_.get(), stopping_.get());
         if (!ForceUnmount(volume)) _exit(1);
         mounted_ = false;
     }

@@ -150,8 +150,8 @@ const OptionDef kOptions[] = {
          return true;
      }},
     {"--timeout", "SECONDS",
-     "network remotes: time allowed to connect, and for a request without progress (default "
-     "30)",
+     "network remotes: time allowed to connect, and for a request without progress; fault: "
+     "remotes: how long a hung call waits (default 30)",
      [](const std::string& v, MountOptions* o, std::string* e) {
          char* end = nullptr;
          const long n = v.empty() || v[0] == '-' ? -1 : strtol(v.c_str(), &end, 10);

@@ -1,5 +1,7 @@
 #include "cli/remote_schemes.h"
 
+#include "remotes/fault_list.h"
+#include "remotes/fault_protocol.h"
 #include "remotes/local_protocol.h"
 #include "remotes/webdav_password.h"
 #include "remotes/webdav_protocol.h"
@@ -44,6 +46,40 @@ OpenedRemote OpenWebdavs(const std::string& location, const RemoteOptions& optio
     return OpenWebdavShare(true, location, options, error);
 }
 
+// "FAULTS:REMOTE", with REMOTE parsed as any other remote argument.
+bool ParseFaultLocation(const std::string& location, FaultList* faults, RemoteArgument* wrapped,
+                        std::string* error) {
+    std::string faultsText;
+    std::string remoteText;
+    const auto isScheme = [](const std::string& name) { return FindRemoteScheme(name) != nullptr; };
+    if (!SplitFaultLocation(location, isScheme, &faultsText, &remoteText)) {
+        *error =
+            "remote 'fault:" + location +
+            "' must look like fault:FAULTS:REMOTE, e.g. fault:upload=0.3,seed=7:local:/srv/data";
+        return false;
+    }
+    return ParseFaultList(faultsText, faults, error) && ParseRemote(remoteText, wrapped, error);
+}
+
+bool CheckFault(const std::string& location, std::string* error) {
+    FaultList faults;
+    RemoteArgument wrapped;
+    return ParseFaultLocation(location, &faults, &wrapped, error);
+}
+
+OpenedRemote OpenFault(const std::string& location, const RemoteOptions& options,
+                       std::string* error) {
+    FaultList faults;
+    RemoteArgument wrapped;
+    if (!ParseFaultLocation(location, &faults, &wrapped, error)) return OpenedRemote();
+    OpenedRemote opened = OpenRemote(wrapped, options, error);
+    if (!opened.protocol) return opened;
+    opened.protocol = std::make_shared<FaultProtocol>(std::move(opened.protocol), std::move(faults),
+                                                      std::chrono::seconds(options.timeoutSeconds),
+                                                      options.stopping, options.log);
+    return opened;
+}
+
 std::string SchemeNames() {
     std::string names;
     for (const RemoteScheme& scheme : RemoteSchemes()) {
@@ -57,13 +93,22 @@ std::string SchemeNames() {
 
 const std::vector<RemoteScheme>& RemoteSchemes() {
     static const std::vector<RemoteScheme> kSchemes = {
-        {"local", "PATH", "a folder of this machine, served as if it were remote storage",
+        {"local", "PATH", "a folder of this machine, served as if it were remote storage", nullptr,
          &OpenLocal},
         {"webdav", "//[USER@]HOST[:PORT]/PATH",
          "a folder of a WebDAV server over plain HTTP; the password comes from ~/.netrc, "
          "SKARVO_WEBDAV_PASSWORD or --password-file",
-         &OpenWebdav},
-        {"webdavs", "//[USER@]HOST[:PORT]/PATH", "the same over TLS (HTTPS)", &OpenWebdavs},
+         nullptr, &OpenWebdav},
+        {"webdavs", "//[USER@]HOST[:PORT]/PATH", "the same over TLS (HTTPS)", nullptr,
+         &OpenWebdavs},
+        {"fault", "FAULTS:REMOTE",
+         "testing aid: REMOTE (any of the above) with failures, delays and hangs injected. "
+         "FAULTS is a comma-separated list of OP=FRACTION[:ERROR] (fail that share of OP's "
+         "calls with the error of that name, default SOCK_REMOTE_HOST_CLOSED), "
+         "latency=[OP:]DURATION (20ms, 2s), hang=OP (until --timeout, then SOCK_TIMEOUT) and "
+         "seed=N; OP is list, get, download, upload, mkdir, delete, rename, move, changes, "
+         "quota, settime or all. E.g. fault:upload=0.3,seed=7:local:/srv/data",
+         &CheckFault, &OpenFault},
     };
     return kSchemes;
 }
@@ -96,6 +141,11 @@ bool ParseRemote(const std::string& text, RemoteArgument* argument, std::string*
         if (error != nullptr) {
             *error = "remote '" + text + "' names no " + scheme->location + " after the colon";
         }
+        return false;
+    }
+    std::string refused;
+    if (scheme->check != nullptr && !scheme->check(text.substr(colon + 1), &refused)) {
+        if (error != nullptr) *error = refused;
         return false;
     }
     argument->text = text;

@@ -10,6 +10,7 @@
 
 #include "libfilesystem/log.h"
 #include "libfilesystem/protocol.h"
+#include "remotes/stop_notice.h"
 
 // A remote that was opened, ready to be added to a volume.
 struct OpenedRemote {
@@ -24,14 +25,19 @@ struct OpenedRemote {
 struct RemoteOptions {
     std::string passwordFile;  // --password-file; empty: none
     bool insecure = false;     // --insecure: accept any TLS certificate
-    long timeoutSeconds = 30;  // --timeout: of each request
+    long timeoutSeconds = 30;  // --timeout: of each request, and of a hung fault: call
     ILog* log = nullptr;       // where remotes log; may be null
+    // Given when skarvo begins to stop; null: never.
+    std::shared_ptr<StopNotice> stopping;
 };
 
 struct RemoteScheme {
     const char* name;         // "local"
     const char* location;     // what follows the colon, for --help: "PATH"
-    const char* description;  // one line for --help
+    const char* description;  // for --help
+    // Checks what `open` would refuse without opening anything, so that a
+    // bad argument is found with the others; null when only opening can tell.
+    bool (*check)(const std::string& location, std::string* error);
     // Opens the remote at `location`; a null protocol, with one line saying
     // what is wrong in *error, when it cannot.
     OpenedRemote (*open)(const std::string& location, const RemoteOptions& options,
@@ -51,8 +57,8 @@ struct RemoteArgument {
 };
 
 // Splits "SCHEME:LOCATION" and finds the scheme. False, with one line in
-// *error, when there is no scheme, the scheme is unknown or the location is
-// empty.
+// *error, when there is no scheme, the scheme is unknown, the location is
+// empty or the scheme's check refuses it.
 bool ParseRemote(const std::string& text, RemoteArgument* argument, std::string* error);
 
 // Opens a parsed remote through its scheme.

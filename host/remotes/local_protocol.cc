@@ -17,6 +17,7 @@
 #include "remotes/local_paths.h"
 #include "remotes/local_record.h"
 #include "remotes/local_upload.h"
+#include "remotes/protocol_text.h"
 #include "remotes/transfer_io.h"
 #include "remotes/unique_fd.h"
 
@@ -30,13 +31,6 @@ LocalStatus MissingArgument(const char* what) {
 
 LocalStatus InvalidName(const std::string& name) {
     return LocalStatus::Error(INVALID_NAME, "invalid name \"" + name + "\"");
-}
-
-// Copies `text` with its NUL into `buffer` of `length` bytes.
-AERROR CopyText(const std::string& text, char* buffer, unsigned long length) {
-    if (buffer == nullptr || length <= text.size()) return INSUFFICIENT_BUFFER;
-    memcpy(buffer, text.c_str(), text.size() + 1);
-    return SUCCESS;
 }
 
 // rename(2) that fails with EEXIST instead of replacing an existing target.
@@ -111,12 +105,7 @@ bool LocalProtocol::IsValidName(const char* name) {
 }
 
 AERROR LocalProtocol::DescribeCookie(void* cookie, char* buffer, unsigned long length) {
-    if (buffer == nullptr || length == 0) return INSUFFICIENT_BUFFER;
-    const std::string& text = CookieText(cookie);
-    const size_t count = std::min<size_t>(text.size(), length - 1);
-    memcpy(buffer, text.data(), count);
-    buffer[count] = '\0';
-    return count < text.size() ? INSUFFICIENT_BUFFER : SUCCESS;
+    return CopyTextCut(CookieText(cookie), buffer, length);
 }
 
 void LocalProtocol::ReleaseCookie(void* cookie) {

@@ -4,6 +4,7 @@
 
 #include "remotes/local_paths.h"
 #include "remotes/local_record.h"
+#include "remotes/protocol_text.h"
 #include "remotes/webdav_record.h"
 
 namespace {
@@ -14,12 +15,6 @@ constexpr size_t kMaxRefusedLogged = 1000;
 
 LocalStatus MissingArgument(const char* what) {
     return LocalStatus::Error(INVALID_PARAMETER, std::string("no ") + what + " given");
-}
-
-AERROR CopyText(const std::string& text, char* buffer, unsigned long length) {
-    if (buffer == nullptr || length <= text.size()) return INSUFFICIENT_BUFFER;
-    memcpy(buffer, text.c_str(), text.size() + 1);
-    return SUCCESS;
 }
 
 }  // namespace
@@ -69,12 +64,7 @@ bool WebdavProtocol::IsValidName(const char* name) {
 }
 
 AERROR WebdavProtocol::DescribeCookie(void* cookie, char* buffer, unsigned long length) {
-    if (buffer == nullptr || length == 0) return INSUFFICIENT_BUFFER;
-    const std::string& text = CookieText(cookie);
-    const size_t count = std::min<size_t>(text.size(), length - 1);
-    memcpy(buffer, text.data(), count);
-    buffer[count] = '\0';
-    return count < text.size() ? INSUFFICIENT_BUFFER : SUCCESS;
+    return CopyTextCut(CookieText(cookie), buffer, length);
 }
 
 void WebdavProtocol::ReleaseCookie(void* cookie) {

@@ -4,6 +4,7 @@
 # E2E_REMOTE=local (default) mounts local:DIR; E2E_REMOTE=webdav mounts a
 # share of a private Apache server (tests/webdav/apache_fixture.sh) whose
 # folder on disk stands in as DIR, and adds the cases of webdav_cases.sh.
+# Both run the cases of fault_cases.sh, through the fault: remote.
 # Needs root and /dev/fuse; exits 77 (skipped) without them.
 set -u
 
@@ -58,6 +59,10 @@ case "${E2E_REMOTE:-local}" in
     ;;
   *) echo "unknown E2E_REMOTE '$E2E_REMOTE'"; exit 2 ;;
 esac
+# shellcheck source=fault_cases.sh
+. "$HERE/fault_cases.sh"
+CASES+=("${FAULT_CASES[@]}")
+[ "${#ONLY[@]}" -eq 0 ] || CASES+=("${FAULT_CASES_KNOWN_FAILING[@]}")
 
 fail() { echo "FAIL: $*"; return 1; }
 
