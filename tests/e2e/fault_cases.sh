@@ -1,9 +1,6 @@
 # Cases that mount REMOTE_ARG through the fault: remote, sourced by
 # skarvo_e2e.sh; they use its helpers.
-FAULT_CASES=(upload_faults hang_list hang_stop)
-# Cases that fail because of a known fault of the library; they run only when
-# named on the command line.
-FAULT_CASES_KNOWN_FAILING=(empty_upload_fault)
+FAULT_CASES=(upload_faults empty_upload_fault hang_list hang_stop)
 
 # Milliseconds since an arbitrary start.
 now_ms() { echo $(($(date +%s%N) / 1000000)); }
