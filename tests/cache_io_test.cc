@@ -341,18 +341,15 @@ void StreamThrough(ICacheIO& pipe, _FS_HANDLE& handle, const std::vector<char>& 
     EXPECT_LT(marks.back(), static_cast<int64_t>(bytes.size()));
 }
 
-TEST(PipeStreamTest, EvCacheCarriesEightMiBIntact) {
-    auto handle = std::make_shared<_FS_HANDLE>();
+TEST(PipeStreamTest, BothPipesCarryEightMiBIntact) {
+    auto evHandle = std::make_shared<_FS_HANDLE>();
     const auto bytes = RandomBytes(8 << 20, 11);
-    EvCache pipe(handle, static_cast<long long>(bytes.size()));
-    StreamThrough(pipe, *handle, bytes);
-}
-
-TEST(PipeStreamTest, FileCacheCarriesEightMiBIntact) {
-    auto handle = std::make_shared<_FS_HANDLE>();
-    const auto bytes = RandomBytes(8 << 20, 12);
-    FileCache pipe(handle, static_cast<long long>(bytes.size()), std::make_shared<MemoryTarget>());
-    StreamThrough(pipe, *handle, bytes);
+    EvCache ev(evHandle, static_cast<long long>(bytes.size()));
+    StreamThrough(ev, *evHandle, bytes);
+    auto fileHandle = std::make_shared<_FS_HANDLE>();
+    FileCache file(fileHandle, static_cast<long long>(bytes.size()),
+                   std::make_shared<MemoryTarget>());
+    StreamThrough(file, *fileHandle, bytes);
 }
 
 // --- FetchToBuffer -------------------------------------------------------------

@@ -8,7 +8,6 @@
 
 #include "api/mount_manager.h"
 #include "export/export_service_fuse.h"
-#include "export/mount_arguments.h"
 #include "export/notify_export_service.h"
 #include "libfilesystem/libfilesystem.h"
 #include "support/memory_protocol.h"
@@ -227,38 +226,6 @@ TEST(MountManagerTest, RefusesUnknownServicesAndReportsFailedMounts) {
     // A broken configuration text refuses the mount before anything is made.
     EXPECT_EQ(Mount(point.c_str(), "Vol", MT_DEFAULT, &fs, nullptr, "{broken"), JSON_PARSE_FAILED);
     FS_UnbindLogger();
-}
-
-TEST(MountArgumentsTest, BothPlatformListsAreExact) {
-    MountParameter parameter;
-    parameter.mountPoint = "/Volumes/Drive";
-    parameter.volumeName = "My Drive";
-    const std::vector<std::string> mac = {"skarvo",
-                                          "/Volumes/Drive",
-                                          "-ofsname=skfs",
-                                          "-olocal",
-                                          "-onoappledouble",
-                                          "-omodules=iconv,from_code=UTF-8,to_code=UTF-8-MAC",
-                                          "-odaemon_timeout=60",
-                                          "-ofstypename=skfs",
-                                          "-ohard_remove",
-                                          "-ovolname=My Drive"};
-    EXPECT_EQ(BuildMountArguments(parameter, MountPlatform::kMacOS), mac);
-    const std::vector<std::string> linux = {"skarvo", "/Volumes/Drive", "-ofsname=skfs",
-                                            "-osubtype=skfs", "-obig_writes"};
-    EXPECT_EQ(BuildMountArguments(parameter, MountPlatform::kLinux), linux);
-
-    parameter.type = MT_READ_ONLY;
-    parameter.allowOther = true;
-    parameter.volumeName = "";
-    auto macReadOnly = BuildMountArguments(parameter, MountPlatform::kMacOS);
-    ASSERT_EQ(macReadOnly.size(), 11u);
-    EXPECT_EQ(macReadOnly[9], "-ovolname=");
-    EXPECT_EQ(macReadOnly.back(), "-oro");
-    auto linuxReadOnly = BuildMountArguments(parameter, MountPlatform::kLinux);
-    ASSERT_EQ(linuxReadOnly.size(), 7u);
-    EXPECT_EQ(linuxReadOnly[5], "-oallow_other");
-    EXPECT_EQ(linuxReadOnly.back(), "-oro");
 }
 
 TEST(ProcessNameTest, NamesAreLowerCasedAndGoneProcessesAreTheirPid) {

@@ -3,12 +3,9 @@
 // pause or slow down, and counters that tests read afterwards.
 //
 // Keys. The root folder's key is "/" (SetRootKey changes it); every other item
-// gets a generated key "k1", "k2", ... when it is created and keeps it for its
-// whole life, through renames, moves and overwrites. Keys are never reused.
-//
-// Paths. The test helpers name items by "/"-separated paths below the root
-// ("/docs/a.txt"; "/" or "" is the root). Names are case-preserving and every
-// lookup, by the helpers and by the protocol operations, is exact.
+// gets a key "k1", "k2", ... when it is created and keeps it through renames,
+// moves and overwrites. Test helpers name items by "/"-separated paths below
+// the root; every lookup is exact.
 //
 // Strictness. The protocol refuses calls a careful remote would refuse, so
 // that a library fault shows up as a failure: MoveItem/DeleteItem on a folder
@@ -18,23 +15,16 @@
 // before record->size bytes is FILE_READ_FAILED and stores nothing.
 //
 // Cookies. Every failed operation that was given a cookie slot stores a new
-// error object there (and, with SetCookieOnSuccess(true), every successful
-// one too). The protocol keeps the set of live cookies, so tests can check
-// that the library releases each exactly once: releasing a pointer that is
-// not live is counted in BadCookieReleases() and otherwise ignored; releasing
-// null is harmless and not counted. Cookies still live when the protocol is
-// destroyed are freed then.
+// cookie there. Tests check that the library releases each exactly once.
 //
 // Threads. All state sits behind one mutex, which is never held while the
-// protocol calls back into the library (list sinks, change sinks, fetch
-// callbacks, upload sources, progress callbacks).
+// protocol calls back into the library.
 #ifndef LIBFS_TESTS_SUPPORT_MEMORY_PROTOCOL_H_
 #define LIBFS_TESTS_SUPPORT_MEMORY_PROTOCOL_H_
 
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -47,128 +37,82 @@
 
 class MemoryProtocol : public IProtocol_V2 {
   public:
-    // One value per operation of IProtocol_V2, for counters and switches.
+    // The remote operations, for counters and switches.
     enum class Op {
-        Connect,
-        GetIdentity,
         GetQuota,
         GetItem,
         Download,
         ListFolder,
         GetChanges,
-        CopyItem,
         RenameItem,
         MoveItem,
         MoveFolder,
         CreateFolder,
         DeleteItem,
         DeleteFolder,
-        GetItemByPath,
         UploadItem,
         SetItemTime,
-        SetArchive,
-        DescribeCookie,
-        GetCapabilities,
-        Disconnect,
-        ReleaseCookie,
-        GetMaxFileSize,
-        IsValidName,
         GetRootKey,
-        kCount
     };
-    static const char* OpName(Op op);
 
-    // The time text given to items that AddFile creates unless told otherwise.
+    // The times of items that the setup helpers create unless told otherwise.
     static constexpr const char* kDefaultTime = "2024-01-05T07:08:09.000Z";
-    // Largest piece handed to a fetch callback unless SetPieceSize says otherwise.
-    static constexpr std::size_t kDefaultPieceSize = 64 * 1024;
 
     explicit MemoryProtocol(std::string identity = "memory://test");
     ~MemoryProtocol() override;
 
     // ---- Tree setup (no change reports, no counters) ----
-    // Creates the folder and any missing parents; returns its key, or "" when
-    // a file stands in the way.
+    // Both create missing parent folders and return the item's key, or ""
+    // when a file stands where a folder should (or the reverse). AddFile
+    // replaces an existing file's contents and times, keeping its key.
     std::string AddFolder(const std::string& path);
-    // Creates or replaces the file (an existing file keeps its key) and any
-    // missing parent folders; all three times are set to `modifyTime`.
-    // Returns its key, or "" when a folder stands in the way.
     std::string AddFile(const std::string& path, const std::string& contents,
                         const std::string& modifyTime = kDefaultTime);
-    // Removes the item and everything below it; false when there is none.
-    bool Remove(const std::string& path);
-    // Renames the root's key (the tree keeps its shape).
     void SetRootKey(const std::string& key);
 
     // ---- Inspection ----
     bool GetContents(const std::string& path, std::string* out) const;
     bool Exists(const std::string& path) const;
     bool IsFolder(const std::string& path) const;
-    bool IsArchived(const std::string& path) const;
-    std::string KeyOf(const std::string& path) const;  // "" when missing
-    std::string PathOf(const std::string& key) const;  // "" when missing; "/" for the root
-    std::string RootKey() const;
-    _FS_FILE_V2 Record(const std::string& path) const;                  // empty key when missing
-    std::vector<std::string> ListNames(const std::string& path) const;  // sorted by name
+    std::vector<std::string> ListNames(const std::string& path) const;  // sorted
 
-    // ---- Remote-side changes: change the tree and queue a report for GetChanges ----
-    // Adds a file (parent must exist, name must be free): Added(parentKey, record).
+    // ---- Remote-side changes, queued for GetChanges ----
+    // Adds a file whose folder exists: Added(parentKey, record).
     bool RemoteAdd(const std::string& path, const std::string& contents);
-    // Adds a folder (parent must exist, name must be free): Added(parentKey, record).
-    bool RemoteAddFolder(const std::string& path);
     // Removes an item and everything below it: Removed(parentKey, name).
     bool RemoteRemove(const std::string& path);
-    // Replaces a file's contents and sets its modify time (now when empty):
-    // Changed(itemKey, record).
-    bool RemoteChange(const std::string& path, const std::string& contents,
-                      const std::string& modifyTime = "");
-    // Moves or renames an item to the full path `to` (its folder must exist,
-    // the name be free): Removed(oldParentKey, oldName), then
-    // Added(newParentKey, record). The item keeps its key.
-    bool RemoteMove(const std::string& from, const std::string& to);
-    // Queues Refresh(folderKey) without changing anything.
+    // Replaces a file's contents: Changed(itemKey, record).
+    bool RemoteChange(const std::string& path, const std::string& contents);
+    // Refresh(folderKey), changing nothing.
     bool QueueRefresh(const std::string& folderPath);
-    std::size_t PendingChanges() const;
 
     // ---- Behaviour switches ----
     void SetCapabilities(unsigned int caps);  // default PROTOCOL_CAP_PARTIAL_READ
-    void SetQuota(unsigned long long total, unsigned long long used);
-    // Time text for items created or changed through the protocol; "" (the
-    // default) uses the current UTC time.
-    void SetNowText(const std::string& text);
-    void SetPieceSize(std::size_t bytes);
-    // Sleeps this long at the start of every remote operation (everything but
-    // GetCapabilities, ReleaseCookie, DescribeCookie, GetMaxFileSize and
-    // IsValidName, which a real protocol answers locally).
+    void SetQuota(unsigned long long total, unsigned long long used);  // default 1 GiB, 0
+    void SetPieceSize(std::size_t bytes);  // largest piece a fetch callback gets
+    // Sleeps this long at the start of every remote operation.
     void SetDelay(std::chrono::milliseconds delay);
-    // The next `times` calls of `op` fail with `code`, before touching anything.
+    // The next `times` calls of `op` (every call, with FailAlways) fail with
+    // `code` before touching anything.
     void FailNext(Op op, AERROR code, int times = 1);
-    void FailAlways(Op op, AERROR code);
+    void FailAlways(Op op, AERROR code) { FailNext(op, code, -1); }
     void ClearFailures();
-    void SetCookieOnSuccess(bool on);
-    // Calls of `op` that start while paused wait (after counting and delay)
-    // until Resume. A paused Download also stops waiting when its handle
-    // starts closing, and then ends with READ_CANCELED.
+    // Calls of `op` that start while paused wait until Resume.
     void Pause(Op op);
     void Resume(Op op);
-    // Waits until `count` calls of `op` are held by Pause, or `limit` passes.
-    bool WaitForPaused(Op op, int count,
-                       std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+    // Waits until `count` calls of `op` are held by Pause (a guard against
+    // hangs: false after ten seconds).
+    bool WaitForPaused(Op op, int count) const;
 
     // ---- Counters ----
     int Calls(Op op) const;
-    void ResetCounters();  // calls, downloaded ranges and bytes, uploaded bytes
-    // Every Download as asked: (offset, size), in call order.
-    std::vector<std::pair<long long, long long>> DownloadedRanges() const;
-    long long DownloadedBytes() const;  // bytes handed to fetch callbacks
-    long long UploadedBytes() const;    // bytes read from upload sources
-    int CookiesCreated() const;
-    int CookiesReleased() const;
+    void ResetCounters();  // calls and transfer counters
+    std::vector<std::pair<long long, long long>> DownloadedRanges() const;  // (offset, size)
+    long long UploadedBytes() const;  // bytes read from upload sources (for the benchmarks)
     int CookiesOutstanding() const;
-    int BadCookieReleases() const;
+    int BadCookieReleases() const;  // releases of a cookie that is not live
 
     // ---- IProtocol_V2 ----
-    AERROR Connect() override;
     AERROR GetIdentity(char* buffer, unsigned long length) override;
     AERROR GetQuota(unsigned long long* total, unsigned long long* used) override;
     AERROR GetItem(const char* key, _FS_FILE_V2* record, void** cookie) override;
@@ -177,8 +121,6 @@ class MemoryProtocol : public IProtocol_V2 {
                     void** cookie) override;
     AERROR ListFolder(const char* key, IFileList* sink, void** cookie) override;
     AERROR GetChanges(IFileChanges* sink, void** cookie) override;
-    AERROR CopyItem(const char* key, const char* parentKey, _FS_FILE_V2* record,
-                    void** cookie) override;
     AERROR RenameItem(const char* key, const char* parentKey, _FS_FILE_V2* record,
                       void** cookie) override;
     AERROR MoveItem(const char* key, const char* newParentKey, _FS_FILE_V2* record,
@@ -188,23 +130,14 @@ class MemoryProtocol : public IProtocol_V2 {
     AERROR CreateFolder(const char* parentKey, _FS_FILE_V2* record, void** cookie) override;
     AERROR DeleteItem(const _FS_FILE_V2* record, void** cookie) override;
     AERROR DeleteFolder(const _FS_FILE_V2* record, void** cookie) override;
-    AERROR GetItemByPath(const char* path, _FS_FILE_V2* record, void** cookie) override;
     AERROR UploadItem(const char* parentKey, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* source,
                       _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress,
                       void** cookie) override;
     AERROR SetItemTime(const char* key, long long createTime, long long accessTime,
                        long long modifyTime, void** cookie) override;
-    AERROR SetArchive(const char* key, bool archived, void** cookie) override;
-    AERROR DescribeCookie(void* cookie, char* buffer, unsigned long length) override;
     unsigned int GetCapabilities() override;
-    void Disconnect() override;
     void ReleaseCookie(void* cookie) override;
-    long long GetMaxFileSize() override;
-    bool IsValidName(const char* name) override;
     AERROR GetRootKey(char* buffer, unsigned long* length) override;
-
-    // Formats Unix seconds as "YYYY-MM-DDTHH:MM:SS.000Z".
-    static std::string FormatTime(std::time_t seconds);
 
   private:
     struct Item {
@@ -215,7 +148,6 @@ class MemoryProtocol : public IProtocol_V2 {
         std::string createTime;
         std::string accessTime;
         std::string modifyTime;
-        bool archived = false;
         std::string parentKey;                        // "" for the root
         std::map<std::string, std::string> children;  // name -> key, folders only
     };
@@ -230,35 +162,33 @@ class MemoryProtocol : public IProtocol_V2 {
         int remaining = 0;  // -1: always
     };
 
-    // Common start of an operation: clears the cookie slot, counts the call,
-    // sleeps, waits while paused, and applies a failure switch. Returns the
-    // code to fail with, or SUCCESS.
-    AERROR Enter(Op op, void** cookie, bool remote = true,
-                 const std::shared_ptr<_FS_HANDLE>& handle = nullptr);
-    // Ends an operation: creates a cookie when one is due and returns `code`.
-    AERROR Finish(Op op, AERROR code, void** cookie);
-    void* NewCookie(Op op, AERROR code);  // caller holds mu_
-    // MoveItem (folder false) and MoveFolder (folder true); caller holds mu_.
-    AERROR MoveLocked(const char* key, const char* newParentKey, bool folder, _FS_FILE_V2* record);
-    // Where an upload goes: an existing file (`*target`: record.key, or a
-    // same-name file in the folder) or a new file in `*parent`; caller holds mu_.
-    AERROR UploadTargetLocked(const std::string& parentKey, const _FS_FILE_V2& record,
-                              Item** target, Item** parent);
+    // Runs one remote operation: counts the call, sleeps, waits while paused,
+    // applies a failure switch or else runs `body` (which takes the lock
+    // itself), and stores a cookie for a failure.
+    template <typename Body>
+    AERROR Run(Op op, void** cookie, Body body);
+    void* NewCookie();  // caller holds mu_
 
     // All below: caller holds mu_.
     Item* Find(const std::string& key);
-    const Item* Find(const std::string& key) const;
+    // The item at `path`, or null.
     Item* FindPath(const std::string& path);
-    const Item* FindPath(const std::string& path) const;
-    std::string PathOfLocked(const Item& item) const;
-    bool IsInside(const std::string& key, const std::string& folderKey) const;
+    const Item* FindPath(const std::string& path) const {
+        return const_cast<MemoryProtocol*>(this)->FindPath(path);
+    }
+    // The folder that holds `path` and the last name in it; missing folders
+    // are created when `create`. Null when a file stands in the way, the
+    // folder is missing, or `path` names the root.
+    Item* ParentOf(const std::string& path, std::string* name, bool create);
     Item& NewItem(Item* parent, const std::string& name, bool folder, const std::string& time);
-    void EraseTree(const std::string& key);
-    std::string CopyTree(const Item& source, Item* parent, const std::string& name);
-    std::string Now() const;
-    _FS_FILE_V2 RecordOf(const Item& item) const;
-    static void Fill(const _FS_FILE_V2& from, _FS_FILE_V2* to);
-    static bool SplitPath(const std::string& path, std::vector<std::string>* parts);
+    void Unlink(Item* item);  // removes the item and everything below it
+    // MoveItem (folder false) and MoveFolder (folder true).
+    AERROR MoveLocked(const char* key, const char* newParentKey, bool folder, _FS_FILE_V2* record);
+    // Where an upload goes: an existing file (`*target`: record.key, or a
+    // same-name file in the folder) or a new file in `*folder`.
+    AERROR UploadTarget(const std::string& parentKey, const _FS_FILE_V2& record, Item** target,
+                        Item** folder);
+    static _FS_FILE_V2 RecordOf(const Item& item);
     static bool ValidName(const std::string& name);
 
     mutable std::mutex mu_;
@@ -270,24 +200,18 @@ class MemoryProtocol : public IProtocol_V2 {
     std::vector<Change> changes_;
 
     unsigned int caps_ = PROTOCOL_CAP_PARTIAL_READ;
-    bool quotaSet_ = false;
-    unsigned long long quotaTotal_ = 0;
+    unsigned long long quotaTotal_ = 1ULL << 30;
     unsigned long long quotaUsed_ = 0;
-    std::string nowText_;
-    std::size_t pieceSize_ = kDefaultPieceSize;
+    std::size_t pieceSize_ = 64 * 1024;
     std::chrono::milliseconds delay_{0};
     std::map<Op, Failure> failures_;
-    bool cookieOnSuccess_ = false;
     std::set<Op> paused_;
     std::map<Op, int> waiting_;
 
     std::map<Op, int> calls_;
     std::vector<std::pair<long long, long long>> downloadedRanges_;
-    long long downloadedBytes_ = 0;
     long long uploadedBytes_ = 0;
     std::set<void*> liveCookies_;
-    int cookiesCreated_ = 0;
-    int cookiesReleased_ = 0;
     int badCookieReleases_ = 0;
 };
 
