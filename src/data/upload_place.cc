@@ -35,6 +35,12 @@ UploadPlaceReservation::UploadPlaceReservation(const UploadPlace& place,
     }
 }
 
+bool IsUploadPlaceHeld(const UploadPlace& place) {
+    const std::string key = KeyOf(place);
+    std::lock_guard<std::mutex> lock(placesMutex);
+    return heldPlaces.count(key) != 0;
+}
+
 UploadPlaceReservation::~UploadPlaceReservation() {
     if (!held_) return;
     {

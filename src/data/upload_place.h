@@ -32,4 +32,7 @@ class UploadPlaceReservation {
     bool held_ = false;
 };
 
+// Whether an upload holds `place` now.
+bool IsUploadPlaceHeld(const UploadPlace& place);
+
 #endif  // LIBFS_DATA_UPLOAD_PLACE_H_

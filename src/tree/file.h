@@ -296,7 +296,8 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     void SetAside();
     // Forgets the cached content, unsent data included.
     void DropContent();
-    // A name for a node on its way to another folder, used by no one else.
+    // A name for a node on its way to another folder, used by no one else
+    // (IsTransitName tells it).
     std::string TransitName() const;
     // Moves the remote item into `newParent`, under its transit name when
     // `renaming`; `record` receives its new record. A node never stored
@@ -377,6 +378,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     FileHandles handles_;
     uint64_t serial_;
 };
+
+// Whether `name` is one a node takes only on its way to another folder.
+bool IsTransitName(const std::string& name);
 
 // Folds a name to the lower-case form children are keyed by. Only ASCII
 // letters change; bytes of multi-byte UTF-8 sequences stay as they are.

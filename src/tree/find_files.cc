@@ -1,6 +1,7 @@
 #include "tree/find_files.h"
 
 #include "api/log.h"
+#include "data/upload_place.h"
 #include "tree/file.h"
 
 FindFiles::FindFiles(std::shared_ptr<File> folder) : folder_(std::move(folder)) {
@@ -18,6 +19,11 @@ AERROR FindFiles::AddFile(const _FS_FILE_V2* record) {
         return SUCCESS;
     }
     if (added_.count(folded) != 0) return SUCCESS;
+    // An upload that follows its file to a new name stores it at the old
+    // place first, or under a transit name: what the listing sees there is
+    // on its way elsewhere, and the file already has its node.
+    UploadPlace place{folder_->GetProtocol().get(), folder_->Key(), record->name};
+    if (IsTransitName(record->name) || IsUploadPlaceHeld(place)) return SUCCESS;
     auto node = folder_->NewChild(record);
     added_.emplace(folded, node);
     // Folders are indexed so that reports on their entries find them, and

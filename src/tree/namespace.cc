@@ -332,8 +332,16 @@ AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParen
     return result;
 }
 
+namespace {
+const char kTransitPrefix[] = ".skarvo-move-";
+}  // namespace
+
 std::string File::TransitName() const {
-    return ".skarvo-move-" + std::to_string(serial_);
+    return kTransitPrefix + std::to_string(serial_);
+}
+
+bool IsTransitName(const std::string& name) {
+    return name.compare(0, sizeof kTransitPrefix - 1, kTransitPrefix) == 0;
 }
 
 AERROR File::MoveRemote(const std::shared_ptr<File>& newParent, bool renaming,
