@@ -148,27 +148,36 @@ AERROR File::DeleteFile(_FS_HANDLE_EXT*, bool deleting) {
 
 void File::ForgetChildren() {
     std::vector<std::shared_ptr<File>> dropped;
+    std::vector<std::shared_ptr<File>> keptFolders;
+    bool keptStored = false;
     {
         std::lock_guard<std::recursive_mutex> lock(childLock_);
         std::vector<std::shared_ptr<File>> kept;
         for (auto& [folded, child] : children_) {
             // Items never stored remotely (the marker files among them) are
             // not in the next listing, and items with changes not yet
-            // uploaded must not be lost: they stay, and the listing brings
-            // their records up to date.
+            // uploaded must not be lost: they stay.
             const bool keep = child->Key().empty() || child->HoldsLocalChanges();
             (keep ? kept : dropped).push_back(child);
         }
         children_.clear();
         for (auto& child : kept) {
             children_[FoldName(child->Name())] = child;
-            if (child->IsFolder()) child->ForgetListing();
+            if (!child->Key().empty()) keptStored = true;
+            if (child->IsFolder()) keptFolders.push_back(child);
         }
         childCount_ = children_.size();
     }
     ForgetListing();
     for (auto& node : dropped)
         node->Detach();
+    // Children kept for their changes still carry the keys of the old place:
+    // the folder is listed now, so that they take their new keys before an
+    // upload uses them, and so on below.
+    if (!keptStored) return;
+    FetchListWithNoDetectChanges(shared_from_this());
+    for (auto& folder : keptFolders)
+        folder->ForgetChildren();
 }
 
 void File::ForgetListing() {
@@ -307,13 +316,14 @@ AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParen
     AERROR result = MoveRemote(newParent, finalName != oldName, record);
     if (result != SUCCESS) return result;
     Parent()->RemoveChild(oldName.c_str(), false);
-    if (IsFolder()) ForgetChildren();
     SetParent(newParent.get());
     const std::wstring oldPath = BuildPath('\\');
     // In the tree too the node goes through its transit name, so that its
     // cache entry is never re-keyed onto another file's of the old name.
     record.name = finalName != oldName ? TransitName() : oldName;
     Update(&record, true, false);
+    // A rename below forgets the children once the final name is set.
+    if (IsFolder() && finalName == oldName) ForgetChildren();
     if (finalName != oldName) {
         void* cookie = nullptr;
         result = RenameInPlace(finalName, false, &cookie);
