@@ -35,6 +35,9 @@ cleanup() {
   grep -q " $MNT " /proc/mounts && umount -l "$MNT"
   grep -q " $CACHE " /proc/mounts && umount -l "$CACHE"
   [ "$(type -t dav_stop)" = function ] && dav_stop
+  # A case that restarted the server did so in its own subshell, whose
+  # process number the line above does not know.
+  pkill -f "apache2 -f $WORK/apache/httpd.conf" 2>/dev/null
   [ -n "${KEEP:-}" ] || rm -rf "$WORK"
 }
 trap cleanup EXIT
