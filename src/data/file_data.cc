@@ -83,6 +83,11 @@ void File::OpenCache(char mode) {
     if (opened) opened->DropClean();
 }
 
+std::shared_ptr<ICacheObj> File::OpenedCache() {
+    OpenCache('r');
+    return CacheObject();
+}
+
 void File::ReopenCache(char mode) {
     std::shared_ptr<ICacheObj> cacheObject = CacheObject();
     if (!cacheObject) {

@@ -147,8 +147,7 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
     if (job->canceled.load()) return UPLOAD_CANCELED;
     // The cache object may have been closed since the file was: the data is
     // still in the cache service.
-    if (!CacheObject()) OpenCache('r');
-    auto cacheObject = CacheObject();
+    auto cacheObject = OpenedCache();
     if (!cacheObject) {
         __LOG__A(CurrentLogger(), LL_ERROR, "[ASYNCJOB  ] Cache not found. Upload %s has failed.",
                  name.c_str());
@@ -380,8 +379,7 @@ AERROR File::UploadNow(std::shared_ptr<_FS_HANDLE_EXT> handle, IExportService* e
 
 AERROR File::SaveCacheToFile(const std::string& path) {
     if (path.empty() || IsFolder()) return SAVE_FAILED;
-    if (!CacheObject()) OpenCache('r');
-    auto cacheObject = CacheObject();
+    auto cacheObject = OpenedCache();
     auto info = Info();
     if (!cacheObject && info->size > 0) return SAVE_FAILED;
     const std::string temporary = path + ".skarvo-part";

@@ -199,6 +199,10 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     void ReopenCache(char mode);
     void CloseCache();
     std::shared_ptr<ICacheObj> CacheObject();
+    // The node's cache object, opened for reading if it has none (the cache
+    // service keeps a file's data after its object closed); null without a
+    // cache service.
+    std::shared_ptr<ICacheObj> OpenedCache();
     AERROR ReadFile(_FS_HANDLE_EXT* handle, void* buffer, unsigned long size, unsigned long* read,
                     long long offset, IExportService* exportService);
     AERROR WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long size,

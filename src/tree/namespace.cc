@@ -99,8 +99,7 @@ AERROR File::DeleteRemotely(bool keepContent) {
 
 AERROR File::KeepContentLocally() {
     if (Info()->key.empty()) return SUCCESS;
-    if (!CacheObject()) OpenCache('r');
-    auto cacheObject = CacheObject();
+    auto cacheObject = OpenedCache();
     if (!cacheObject) return FILE_READ_FAILED;
     auto handle = JobHandle(nullptr);
     handle->context = GetContext();
