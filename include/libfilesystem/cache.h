@@ -7,9 +7,11 @@
 #include <memory>
 
 #include "libfilesystem/aerror.h"
+#include "libfilesystem/file_record.h"
 #include "libfilesystem/handle.h"
 
 class IFetch;
+class IProtocol_V2;
 
 // One read request and its result.
 struct _READDATA {
@@ -107,6 +109,12 @@ class IFetch {
 //        The upload was abandoned: forgets every block, written or fetched,
 //        so that the next read fetches the remote content again.
 //   8, 9  destructors.
+//  10  Sync() -> AERROR
+//        Makes everything written to the object so far survive a crash of
+//        the host or of the machine: its data, which blocks were written,
+//        its size and its origin (ICacheService::NoteOrigin). The library
+//        calls it for fsync and when the last writer closes a file it
+//        changed. A cache that keeps nothing across restarts answers SUCCESS.
 class ICacheObj : public ICacheIO {
   public:
     virtual AERROR Reopen(char mode, long long size, IFetch* fetcher) = 0;
@@ -115,6 +123,20 @@ class ICacheObj : public ICacheIO {
     virtual AERROR DropClean() = 0;
     virtual AERROR Commit() = 0;
     virtual AERROR Discard() = 0;
+    virtual AERROR Sync() { return SUCCESS; }
+};
+
+// Where the content of a cache entry belongs. Null fields are left as they
+// were noted before.
+struct _CACHE_ORIGIN {
+    // The file's path in the volume, "/"-separated, with the case of its
+    // names, such as "/Docs/Report.txt".
+    const char* path = nullptr;
+    // The remote that holds the file.
+    IProtocol_V2* protocol = nullptr;
+    // The remote record that the written data replaces; a record with an
+    // empty key when the file has no remote copy yet.
+    const _FS_FILE_V2* base = nullptr;
 };
 
 // The host's cache service, bound with FS_BindCache. Keys are lower-case
@@ -140,6 +162,12 @@ class ICacheObj : public ICacheIO {
 //        entry of `newKey`, replacing any entry already there. `extra` is the
 //        protocol's opaque text of the file (its record's `extra`).
 //   6, 7  destructors.
+//   8  NoteOrigin(key, origin)
+//        Where the entry of `key` belongs, so that data written to it and
+//        never uploaded can still be uploaded after the host died: the
+//        library calls it when a file at rest is opened for writing, after
+//        an upload stored it, and after a rename or move gave it a new path.
+//        Ignoring it is allowed; such a cache cannot recover after a crash.
 class ICacheService {
   public:
     virtual AERROR GetUsage(unsigned long long* used, unsigned long long* unsent) = 0;
@@ -150,6 +178,7 @@ class ICacheService {
     virtual void Close(const char* key) = 0;
     virtual AERROR Rekey(const char* oldKey, const char* newKey, const char* extra) = 0;
     virtual ~ICacheService() = default;
+    virtual void NoteOrigin(const char* /*key*/, const _CACHE_ORIGIN* /*origin*/) {}
 };
 
 #endif  // LIBFILESYSTEM_CACHE_H_

@@ -12,6 +12,8 @@ constexpr uint32_t FILE_ATTRIBUTE_FILE = 0x1;         // regular file
 constexpr uint32_t FILE_ATTRIBUTE_FOLDER = 0x2;       // folder
 constexpr uint32_t FILE_ATTRIBUTE_MODIFIED = 0x10;    // cleared by every local write
 constexpr uint32_t FILE_ATTRIBUTE_ROOT = 0x20;        // root of a protocol's tree
+constexpr uint32_t FILE_ATTRIBUTE_ARCHIVED = 0x40;    // files: the remote keeps an archive
+                                                      // mark, set again after each upload
 constexpr uint32_t FILE_ATTRIBUTE_NORMAL = 0x80;      // a plain file, in attribute words
                                                       // that the volume passes to nodes
 constexpr uint32_t FILE_ATTRIBUTE_NO_DELETE = 0x100;  // files: never deleted remotely;
@@ -19,7 +21,9 @@ constexpr uint32_t FILE_ATTRIBUTE_NO_DELETE = 0x100;  // files: never deleted re
 constexpr uint32_t FILE_ATTRIBUTE_WRITABLE = 0x200;   // attributes show write for others
 
 // One remote item as a protocol describes it. The layout is shared with host
-// protocols compiled separately, so fields keep this order and these widths.
+// protocols compiled separately, so fields keep this order and these widths,
+// and the record has no virtual functions: `key` starts the record. No one
+// deletes a record through a pointer to a base record.
 //   key         the item's identifier as the protocol knows it; handed back
 //               in every call that names the item
 //   attributes  FILE_ATTRIBUTE_* bits
@@ -44,7 +48,7 @@ struct _FS_FILE_V1 {
     _FS_FILE_V1() = default;
     _FS_FILE_V1(const _FS_FILE_V1&) = default;
     _FS_FILE_V1& operator=(const _FS_FILE_V1&) = default;
-    virtual ~_FS_FILE_V1() = default;
+    ~_FS_FILE_V1() = default;
 };
 
 // A record with two opaque fields that a protocol may fill for itself; the

@@ -15,6 +15,7 @@
 #include "libfilesystem/log.h"
 #include "libfilesystem/notifier.h"
 #include "libfilesystem/protocol.h"
+#include "libfilesystem/unique_fd.h"
 #include "libfilesystem/visibility.h"
 
 #endif  // LIBFILESYSTEM_LIBFILESYSTEM_H_

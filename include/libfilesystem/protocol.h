@@ -29,6 +29,10 @@ constexpr unsigned int PROTOCOL_CAP_EMPTY_IS_CREATED = 0x400;
 // server time offset.
 constexpr unsigned int PROTOCOL_CAP_SERVER_TIME_OFFSET = 0x800;
 
+// The record size of a streaming upload (UploadItem), whose length is known
+// only when the source reports the end of its data.
+constexpr long long UPLOAD_SIZE_UNKNOWN = -1;
+
 // Receives the entries of one folder listing.
 //   0  AddFile(record) -> AERROR    one entry; the record is copied
 //   1, 2  destructors.
@@ -120,7 +124,10 @@ struct _TRANSFERPROGRESS {
 //        the file record->name in the folder `parentKey`; when record->key is
 //        not empty the existing item is overwritten. Readers of the remote
 //        must never see a partial file. Reports to `progress` when it is not
-//        null. Fills `record` with the stored item's record.
+//        null. Fills `record` with the stored item's record. With record->size
+//        UPLOAD_SIZE_UNKNOWN (a real-time upload) it reads until the source
+//        ends its data (read 0), and stores nothing when the source fails; a
+//        protocol that cannot store such a file answers INVALID_PARAMETER.
 //  16* SetItemTime(key, createTime, accessTime, modifyTime, cookie) -> AERROR
 //        Sets the item's times, in seconds since the epoch; 0 leaves a time as
 //        it is (only with PROTOCOL_CAP_SET_TIME).

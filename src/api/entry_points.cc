@@ -5,8 +5,8 @@
 #include <mutex>
 #include <string>
 
-#include "api/log.h"
 #include "api/mount_manager.h"
+#include "services/log.h"
 
 extern "C" {
 

@@ -3,15 +3,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <system_error>
 #include <thread>
 
-#include "api/log.h"
 #include "export/export_service_fuse.h"
 #include "export/notify_export_service.h"
 #include "foundation/json_object.h"
 #include "foundation/string_utils.h"
 #include "fs/filesystem.h"
 #include "libfilesystem/entry_points.h"
+#include "services/log.h"
 
 namespace {
 
@@ -29,6 +31,24 @@ bool WantsAllowOther(const char* configuration) {
     }
 }
 
+// The file-system features that the mount type asks for, each one logged.
+uint32_t FeaturesFor(MOUNTTYPE type, const std::string& point) {
+    uint32_t features = 0;
+    if ((type & MT_NO_ASYNC_UPLOAD) != 0) {
+        __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s: Async Upload Off", point.c_str());
+    } else {
+        features = FEATURE_ASYNC_UPLOAD;
+        __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s: Async Upload On", point.c_str());
+    }
+    if ((type & MT_REALTIME_UPLOAD) != 0) {
+        features |= FEATURE_REALTIME_UPLOAD;
+        __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s: Realtime Upload On", point.c_str());
+    } else {
+        __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s: Realtime Upload Off", point.c_str());
+    }
+    return features;
+}
+
 }  // namespace
 
 struct MountManager::MountData {
@@ -38,6 +58,10 @@ struct MountManager::MountData {
     std::shared_ptr<INotifier> notifier;
     std::shared_ptr<FileSystem> fileSystem;
     std::shared_ptr<IExportService> exportService;
+    // Set when the finalising thread could not start: the mount thread
+    // finalises itself after its request loop.
+    std::shared_ptr<std::atomic<bool>> finalizeOnMountThread =
+        std::make_shared<std::atomic<bool>>(false);
 
     void SetExportService(IExportService* service) {
         exportService = std::shared_ptr<IExportService>(service, [](IExportService* s) {
@@ -50,7 +74,14 @@ struct MountManager::MountData {
     void Close() {
         if (closed) return;
         closed = true;
-        if (thread && thread->joinable()) thread->join();
+        if (thread && thread->joinable()) {
+            // The mount thread finalising itself cannot wait for itself.
+            if (thread->get_id() == std::this_thread::get_id()) {
+                thread->detach();
+            } else {
+                thread->join();
+            }
+        }
         if (fileSystem) fileSystem->Finalize();
         if (IAsyncQ* queue = aq) queue->Drain();
         if (fileSystem) fileSystem->Destroy();
@@ -114,19 +145,7 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
 
     auto data = std::make_shared<MountData>();
     data->SetExportService(service);
-    uint32_t features = 0;
-    if ((type & MT_NO_ASYNC_UPLOAD) != 0) {
-        __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s: Async Upload Off", point.c_str());
-    } else {
-        features = FEATURE_ASYNC_UPLOAD;
-        __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s: Async Upload On", point.c_str());
-    }
-    if ((type & MT_REALTIME_UPLOAD) != 0) {
-        features |= FEATURE_REALTIME_UPLOAD;
-        __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s: Realtime Upload On", point.c_str());
-    } else {
-        __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] %s: Realtime Upload Off", point.c_str());
-    }
+    const uint32_t features = FeaturesFor(type, point);
     data->mountPoint = widePoint;
     data->volumeName = s2ws(volume);
     data->fileSystem =
@@ -154,7 +173,11 @@ AERROR MountManager::Mount(const char* mountPoint, const char* volumeName, MOUNT
                  point.c_str(), volume.c_str());
         return FS_MOUNT_ERROR;
     }
-    data->thread = std::make_shared<std::thread>([service] { service->Wait(); });
+    auto finalizeHere = data->finalizeOnMountThread;
+    data->thread = std::make_shared<std::thread>([this, service, finalizeHere, point] {
+        service->Wait();
+        if (finalizeHere->load()) Finalize(point);
+    });
     std::lock_guard<std::mutex> table(tableMutex_);
     mounts_.emplace(point, data);
     return SUCCESS;
@@ -194,11 +217,25 @@ IFileSystem_V2* MountManager::GetFileSystem(const std::string& mountPoint) {
     return it == mounts_.end() ? nullptr : it->second->fileSystem.get();
 }
 
+MountManager::ThreadStarter MountManager::startThread = [](std::function<void()> body) {
+    std::thread(std::move(body)).detach();
+};
+
 void MountManager::UnmountFinalize(const char* mountPoint) {
     // The mount thread calls this from inside its own teardown, and the
     // finalising thread is about to join it: the finalising thread must
     // outlive the caller, so it is detached.
-    std::thread(&MountManager::Finalize, this, std::string(mountPoint)).detach();
+    const std::string point(mountPoint != nullptr ? mountPoint : "");
+    try {
+        startThread([this, point] { Finalize(point); });
+    } catch (const std::system_error&) {
+        // Nothing may be thrown into the volume's teardown.
+        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] %s: thread constructor failed",
+                 point.c_str());
+        std::lock_guard<std::mutex> table(tableMutex_);
+        auto it = mounts_.find(point);
+        if (it != mounts_.end()) *it->second->finalizeOnMountThread = true;
+    }
 }
 
 void MountManager::Finalize(std::string mountPoint) {

@@ -2,6 +2,7 @@
 #ifndef LIBFS_API_MOUNT_MANAGER_H_
 #define LIBFS_API_MOUNT_MANAGER_H_
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,8 +32,15 @@ class MountManager {
     AERROR Unmount(const char* mountPoint, bool force);
     IFileSystem_V2* GetFileSystem(const std::string& mountPoint);
     static IExportService* CreateExportService(EXPORT_SERVICE_TYPE type);
-    // Starts the finalising thread of `mountPoint` and returns at once.
+    // Starts the finalising thread of `mountPoint` and returns at once. When
+    // no thread can start, the mount thread finalises once its request loop
+    // has ended.
     void UnmountFinalize(const char* mountPoint);
+
+    // Starts `body` on a detached thread; throws std::system_error when the
+    // thread cannot start. Replaceable, so that tests can refuse threads.
+    using ThreadStarter = void (*)(std::function<void()> body);
+    static ThreadStarter startThread;
 
   private:
     struct MountData;

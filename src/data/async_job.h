@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "fs/file_handles.h"
+struct _FS_HANDLE_EXT;
 
 constexpr uint64_t ASYNCJOB_UPLOAD = 1;
 constexpr uint64_t ASYNCJOB_SAVE = 4;

@@ -8,7 +8,7 @@
 #include <thread>
 #include <utility>
 
-#include "export/export_service.h"
+#include "services/export_interface.h"
 
 // --- PreventTimeoutCacheIO ---------------------------------------------------
 

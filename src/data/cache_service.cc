@@ -6,11 +6,7 @@
 #include "libfilesystem/entry_points.h"
 
 std::string CacheKey(const std::wstring& path) {
-    std::string key = ws2s(path);
-    for (char& c : key) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return key;
+    return FoldName(ws2s(path));
 }
 
 std::shared_ptr<ICacheObj> GetCacheObj(const std::wstring& path, char mode, long long size,
@@ -31,6 +27,16 @@ void Rehash(const std::string& oldKey, const std::wstring& newPath, const char* 
     const std::string newKey = CacheKey(newPath);
     if (newKey == oldKey) return;
     cache->Rekey(oldKey.c_str(), newKey.c_str(), extra != nullptr ? extra : "");
+}
+
+void NoteCacheOrigin(const std::string& key, const char* path, IProtocol_V2* protocol,
+                     const _FS_FILE_V2* base) {
+    _CACHE_ORIGIN origin;
+    origin.path = path;
+    origin.protocol = protocol;
+    origin.base = base;
+    std::lock_guard<std::mutex> lock(cl);
+    if (cache != nullptr) cache->NoteOrigin(key.c_str(), &origin);
 }
 
 bool HasCacheService() {

@@ -24,6 +24,11 @@ void CloseCacheObj(const std::string& key);
 // differ. `extra` is handed to the service untouched.
 void Rehash(const std::string& oldKey, const std::wstring& newPath, const char* extra);
 
+// Tells the cache service where the entry of `key` belongs (see
+// ICacheService::NoteOrigin); null arguments keep what it was told before.
+void NoteCacheOrigin(const std::string& key, const char* path, IProtocol_V2* protocol,
+                     const _FS_FILE_V2* base);
+
 // Whether a cache service is bound.
 bool HasCacheService();
 

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <set>
 
-#include "tree/file.h"
+#include "foundation/string_utils.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "export/export_service.h"
 
-#include "api/log.h"
+#include "services/log.h"
 
 int ExportServiceRPC::GetDriverState() {
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Skarvo filesystem installed");

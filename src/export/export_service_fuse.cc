@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -15,9 +16,11 @@
 #include <sstream>
 #include <vector>
 
-#include "api/log.h"
 #include "export/mount_arguments.h"
+#include "foundation/string_utils.h"
 #include "fs/filesystem_interfaces.h"
+#include "libfilesystem/unique_fd.h"
+#include "services/log.h"
 
 extern char** environ;
 
@@ -41,7 +44,7 @@ int FUSE_mkdir(const char* path, mode_t mode) {
 }
 int FUSE_unlink(const char* path) {
     const int result = Service()->unlink(path);
-    printf("FUSE_unlink: %d\n", result);
+    __LOG__A(CurrentLogger(), LL_DEBUG, "FUSE_unlink: %d", result);
     return result;
 }
 int FUSE_rmdir(const char* path) {
@@ -71,6 +74,9 @@ int FUSE_statfs(const char* path, struct statvfs* sv) {
 }
 int FUSE_flush(const char* path, fuse_file_info* fi) {
     return Service()->flush(path, fi);
+}
+int FUSE_fsync(const char* path, int datasync, fuse_file_info* fi) {
+    return Service()->fsync(path, datasync, fi);
 }
 int FUSE_release(const char* path, fuse_file_info* fi) {
     return Service()->release(path, fi);
@@ -155,11 +161,8 @@ bool RunFusermount(std::vector<std::string> arguments) {
 }
 
 std::string LowerProcessName(std::string name) {
-    for (char& c : name) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c == '\\') c = '/';
-    }
-    return name;
+    std::replace(name.begin(), name.end(), '\\', '/');
+    return FoldName(std::move(name));
 }
 
 }  // namespace
@@ -193,6 +196,7 @@ void ExportServiceFUSE::FillOperations(fuse_operations* operations) {
     operations->write = FUSE_write;
     operations->statfs = FUSE_statfs;
     operations->flush = FUSE_flush;
+    operations->fsync = FUSE_fsync;
     operations->release = FUSE_release;
     operations->opendir = FUSE_opendir;
     operations->readdir = FUSE_readdir;
@@ -218,14 +222,13 @@ int ExportServiceFUSE::GetDriverState() {
              osxfuse_version());
     return 0;
 #else
-    const int fd = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
+    const UniqueFd fd(::open("/dev/fuse", O_RDWR | O_CLOEXEC));
+    if (!fd.Valid()) {
         const int error = errno;
         __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] Cannot open /dev/fuse: %s",
                  strerror(error));
         return error != 0 ? error : 1;
     }
-    ::close(fd);
     __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Skarvo filesystem(%s) installed",
              std::to_string(fuse_version()).c_str());
     return 0;
@@ -237,9 +240,8 @@ int ExportServiceFUSE::Mount(MountParameter& parameter) {
     mountPoint_ = parameter.mountPoint;
     volumeName_ = parameter.volumeName;
     unmountCallback_ = std::move(parameter.unmountCallback);
-    printf("ExportServiceFUSE::Mount mount_to_: %s, %s\n", mountPoint_.c_str(),
-           volumeName_.c_str());
-    fflush(stdout);
+    __LOG__A(CurrentLogger(), LL_DEBUG, "ExportServiceFUSE::Mount mount_to_: %s, %s",
+             mountPoint_.c_str(), volumeName_.c_str());
 
     fuse_args args = FUSE_ARGS_INIT(0, nullptr);
     for (const auto& argument : BuildMountArguments(parameter, kThisPlatform)) {
@@ -309,13 +311,12 @@ void ExportServiceFUSE::AbortConnection() {
     if (::access(abort.c_str(), W_OK) != 0 && geteuid() == 0) {
         ::mount("fusectl", control.c_str(), "fusectl", 0, nullptr);
     }
-    const int fd = ::open(abort.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    if (::write(fd, "1", 1) != 1) {
+    const UniqueFd fd(::open(abort.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!fd.Valid()) return;
+    if (::write(fd.Get(), "1", 1) != 1) {
         __LOG__A(CurrentLogger(), LL_WARNING, "[FILESYSTEM] Cannot abort FUSE connection %s",
                  connection_.c_str());
     }
-    ::close(fd);
 #endif
 }
 
@@ -363,11 +364,8 @@ int ExportServiceFUSE::Call(const char* callback, const char* path, Body&& body)
     if (path == nullptr) return -ENOENT;
     try {
         return body(fs, GetProcessName());
-    } catch (const std::exception& e) {
-        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception : %s", callback,
-                 e.what());
     } catch (...) {
-        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception", callback);
+        LogCaughtException(callback);
     }
     return -EIO;
 }
@@ -459,6 +457,12 @@ int ExportServiceFUSE::statfs(const char* path, struct statvfs* sv) {
 int ExportServiceFUSE::flush(const char* path, fuse_file_info*) {
     return Call("FUSE_flush", "", [&](IFileSystemImpl* fs, std::string process) {
         return fs->Flush(path, std::move(process));
+    });
+}
+
+int ExportServiceFUSE::fsync(const char*, int datasync, fuse_file_info* fi) {
+    return Call("FUSE_fsync", "", [&](IFileSystemImpl* fs, std::string process) {
+        return fs->Fsync(fi->fh, datasync != 0, std::move(process));
     });
 }
 

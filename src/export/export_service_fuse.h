@@ -57,6 +57,7 @@ class ExportServiceFUSE : public ExportService {
     int write(const char* path, const char* buffer, size_t size, off_t offset, fuse_file_info* fi);
     int statfs(const char* path, struct statvfs* sv);
     int flush(const char* path, fuse_file_info* fi);
+    int fsync(const char* path, int datasync, fuse_file_info* fi);
     int release(const char* path, fuse_file_info* fi);
     int opendir(const char* path, fuse_file_info* fi);
     int readdir(const char* path, void* buffer, fuse_fill_dir_t filler, off_t offset,

@@ -86,6 +86,13 @@ void replace_all(std::wstring& text, const std::wstring& from, const std::wstrin
     ReplaceAll(text, from, to);
 }
 
+std::string FoldName(std::string name) {
+    for (char& c : name) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return name;
+}
+
 bool ends_with(const std::string& text, const std::string& suffix) {
     if (suffix.size() > text.size()) {
         return false;
@@ -144,21 +151,17 @@ std::wstring s2ws(const std::string& text) {
             length = 2;
             codePoint = lead & 0x1F;
         } else if (lead >= 0xE0 && lead <= 0xEF) {
+            // E0 would be overlong below A0, ED a surrogate above 9F.
             length = 3;
             codePoint = lead & 0x0F;
-            if (lead == 0xE0) {
-                low = 0xA0;
-            } else if (lead == 0xED) {
-                high = 0x9F;
-            }
+            low = lead == 0xE0 ? 0xA0 : low;
+            high = lead == 0xED ? 0x9F : high;
         } else if (lead >= 0xF0 && lead <= 0xF4) {
+            // F0 would be overlong below 90, F4 above U+10FFFF past 8F.
             length = 4;
             codePoint = lead & 0x07;
-            if (lead == 0xF0) {
-                low = 0x90;
-            } else if (lead == 0xF4) {
-                high = 0x8F;
-            }
+            low = lead == 0xF0 ? 0x90 : low;
+            high = lead == 0xF4 ? 0x8F : high;
         } else {
             wide.push_back(static_cast<wchar_t>(kReplacementCharacter));
             ++i;
@@ -255,6 +258,47 @@ wchar_t UpperWide(wchar_t c) {
     return static_cast<wchar_t>(std::towupper(static_cast<wint_t>(c)));
 }
 
+template <typename CharT>
+struct Wildcards {
+    static constexpr CharT kStar = static_cast<CharT>('*');
+    static constexpr CharT kQuestion = static_cast<CharT>('?');
+    static constexpr CharT kDosDot = static_cast<CharT>('"');
+    static constexpr CharT kDosStar = static_cast<CharT>('<');
+    static constexpr CharT kDosQuestion = static_cast<CharT>('>');
+    static constexpr CharT kDot = static_cast<CharT>('.');
+};
+
+// The position the state at `p`, whose expression character is `e`, moves to
+// on reading the name character `c`; past the end when it cannot move.
+template <typename CharT, typename Upper>
+size_t MoveState(CharT e, CharT c, size_t p, bool atLastDot, bool ignoreCase, Upper upper) {
+    using W = Wildcards<CharT>;
+    const size_t none = static_cast<size_t>(-1);
+    if (e == W::kStar) return p;
+    if (e == W::kDosStar) return atLastDot ? none : p;
+    if (e == W::kDosDot) return c == W::kDot ? p + 1 : none;
+    if (e == W::kDosQuestion) return atLastDot ? none : p + 1;
+    if (e == W::kQuestion) return p + 1;
+    if (e == c || (ignoreCase && upper(e) == upper(c))) return p + 1;
+    return none;
+}
+
+// Adds the states reached without reading a character. Such moves only go
+// forward, so one ascending pass closes the set.
+template <typename CharT>
+void CloseEmptyMoves(const std::basic_string<CharT>& expression, std::vector<char>& active,
+                     bool atLastDot) {
+    using W = Wildcards<CharT>;
+    for (size_t p = 0; p < expression.size(); ++p) {
+        if (!active[p]) continue;
+        const CharT e = expression[p];
+        if (e == W::kStar || e == W::kDosStar || e == W::kDosDot ||
+            (e == W::kDosQuestion && atLastDot)) {
+            active[p + 1] = 1;
+        }
+    }
+}
+
 // Simulates the expression as a nondeterministic automaton whose states are
 // positions in the expression: `active[p]` says that the first p expression
 // characters can match the name read so far. Wildcards that may match nothing
@@ -265,74 +309,28 @@ wchar_t UpperWide(wchar_t c) {
 template <typename CharT, typename Upper>
 bool MatchExpression(const std::basic_string<CharT>& expression,
                      const std::basic_string<CharT>& name, bool ignoreCase, Upper upper) {
-    constexpr CharT kStar = static_cast<CharT>('*');
-    constexpr CharT kQuestion = static_cast<CharT>('?');
-    constexpr CharT kDosDot = static_cast<CharT>('"');
-    constexpr CharT kDosStar = static_cast<CharT>('<');
-    constexpr CharT kDosQuestion = static_cast<CharT>('>');
-    constexpr CharT kDot = static_cast<CharT>('.');
-
     const size_t patternLength = expression.size();
-    const size_t nameLength = name.size();
-    const size_t lastDot = name.rfind(kDot);  // npos when the name has no dot
+    const size_t lastDot = name.rfind(Wildcards<CharT>::kDot);  // npos without a dot
 
     std::vector<char> active(patternLength + 1, 0);
     std::vector<char> next(patternLength + 1, 0);
     active[0] = 1;
     for (size_t i = 0;; ++i) {
-        // Transitions that consume nothing only go forward, so one ascending
-        // pass closes the set.
-        for (size_t p = 0; p < patternLength; ++p) {
-            if (!active[p]) {
-                continue;
-            }
-            const CharT e = expression[p];
-            if (e == kStar || e == kDosStar || e == kDosDot ||
-                (e == kDosQuestion && i == lastDot)) {
-                active[p + 1] = 1;
-            }
-        }
-        if (i == nameLength) {
-            return active[patternLength] != 0;
-        }
+        CloseEmptyMoves(expression, active, i == lastDot);
+        if (i == name.size()) return active[patternLength] != 0;
 
-        const CharT c = name[i];
-        const bool atLastDot = (i == lastDot);
         bool any = false;
         std::fill(next.begin(), next.end(), 0);
         for (size_t p = 0; p < patternLength; ++p) {
-            if (!active[p]) {
-                continue;
-            }
-            const CharT e = expression[p];
-            size_t target = patternLength + 1;  // no move
-            if (e == kStar) {
-                target = p;
-            } else if (e == kDosStar) {
-                if (!atLastDot) {
-                    target = p;
-                }
-            } else if (e == kDosDot) {
-                if (c == kDot) {
-                    target = p + 1;
-                }
-            } else if (e == kDosQuestion) {
-                if (!atLastDot) {
-                    target = p + 1;
-                }
-            } else if (e == kQuestion) {
-                target = p + 1;
-            } else if (e == c || (ignoreCase && upper(e) == upper(c))) {
-                target = p + 1;
-            }
+            if (!active[p]) continue;
+            const size_t target =
+                MoveState(expression[p], name[i], p, i == lastDot, ignoreCase, upper);
             if (target <= patternLength) {
                 next[target] = 1;
                 any = true;
             }
         }
-        if (!any) {
-            return false;
-        }
+        if (!any) return false;
         active.swap(next);
     }
 }

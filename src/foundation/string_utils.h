@@ -22,6 +22,11 @@ std::vector<std::wstring> split(const std::wstring& text, const std::wstring& pa
 void replace_all(std::string& text, const std::string& from, const std::string& to);
 void replace_all(std::wstring& text, const std::wstring& from, const std::wstring& to);
 
+// Folds a name to lower case for comparisons that ignore case (names in a
+// folder, paths, process names, cache keys). Only ASCII letters change;
+// bytes of multi-byte UTF-8 sequences stay as they are.
+std::string FoldName(std::string name);
+
 // True when `text` ends with `suffix` (byte-wise).
 bool ends_with(const std::string& text, const std::string& suffix);
 

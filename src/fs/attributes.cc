@@ -23,9 +23,8 @@ long Seconds(const struct timespec& time) {
 
 int FileSystem::GetAttr(const char* path, struct stat* st, std::string process) {
     LOG_REQUEST("%s : %s", "GetAttr", path);
-    const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
-    AERROR result = GetFile(exact.c_str(), node);
+    AERROR result = FindNode(path, node);
     if (result == SUCCESS && node) result = static_cast<AERROR>(node->getattr(st));
     return Outcome("GetAttr", result, process, path);
 }
@@ -55,30 +54,26 @@ int FileSystem::ReadDir(const char* path, std::list<FS_DIR_ENTRY>& entries, std:
 
 int FileSystem::Access(const char* path, int mask, std::string process) {
     LOG_REQUEST("%s : %s, %d", "Access", path, mask);
-    const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
-    AERROR result = GetFile(exact.c_str(), node);
+    AERROR result = FindNode(path, node);
     if (result == SUCCESS && node) result = static_cast<AERROR>(node->access(mask));
     return Outcome("Access", result, process, path);
 }
 
 int FileSystem::OpenDir(const char* path, std::string process) {
     LOG_REQUEST("%s : %s", "OpenDir", path);
-    const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
-    AERROR result = GetFile(exact.c_str(), node);
-    if (result == SUCCESS && node) {
-        result = node->IsFolder() ? node->FetchList(node) : OPEN_FAILED;
-    }
+    AERROR result = FindNode(path, node);
+    if (result == SUCCESS && node && !node->IsFolder()) result = OPEN_FAILED;
+    if (result == SUCCESS && node) result = node->FetchList(node);
     return Outcome("OpenDir", result, process, path);
 }
 
 int FileSystem::ChangeMode(const char* path, unsigned short mode, IExportService* service,
                            std::string process) {
     LOG_REQUEST("%s : %s, %d", "ChangeMode", path, mode);
-    const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
-    AERROR result = GetFile(exact.c_str(), node);
+    AERROR result = FindNode(path, node);
     if (result == SUCCESS && node) {
         // Only whether the item is a regular file reaches the node.
         const unsigned long attributes = (mode & S_IFREG) != 0 ? FILE_ATTRIBUTE_NORMAL : 0;
@@ -121,12 +116,11 @@ int FileSystem::UtimeNs(const char* path, const struct timespec times[2], unsign
 
 int FileSystem::StatFs(const char* path, struct statvfs* sv, std::string process) {
     LOG_REQUEST("%s : %s", "StatFs", path);
-    std::lock_guard<std::mutex> lock(mutex_);
     unsigned long long total = 0;
     unsigned long long used = 0;
     AERROR result = SUCCESS;
     const auto quotaInterval = static_cast<uint64_t>(GetConfig().quota_interval);
-    for (const auto& entry : protocolOrder_) {
+    for (const auto& entry : Protocols()) {
         std::lock_guard<std::mutex> entryLock(entry->mutex);
         const auto now = std::chrono::steady_clock::now();
         const auto age =

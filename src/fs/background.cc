@@ -1,10 +1,10 @@
 // The file system's background workers, its upload queue, and teardown.
 #include <algorithm>
 
-#include "api/async_queue.h"
-#include "api/log.h"
 #include "fs/filesystem.h"
 #include "libfilesystem/entry_points.h"
+#include "services/async_queue.h"
+#include "services/log.h"
 #include "tree/file.h"
 
 void FileSystem::QueueFile(std::shared_ptr<File> file) {
@@ -23,20 +23,25 @@ void FileSystem::QueueFile(std::shared_ptr<File> file) {
 }
 
 void FileSystem::DrainQueue() {
-    for (;;) {
-        std::shared_ptr<File> file;
-        {
-            std::lock_guard<std::mutex> lock(queueMutex_);
-            if (fileQueue_.empty()) return;
-            file = std::move(fileQueue_.front());
-            fileQueue_.pop_front();
-        }
+    std::shared_ptr<File> file;
+    while (PopQueued(file)) {
         // A stop signal means nothing when no worker runs.
-        if (!file) continue;
-        file->ProcessJobs();
-        std::lock_guard<std::mutex> lock(queueMutex_);
-        queued_.erase(file.get());
+        if (file) RunQueued(file);
     }
+}
+
+bool FileSystem::PopQueued(std::shared_ptr<File>& file) {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    if (fileQueue_.empty()) return false;
+    file = std::move(fileQueue_.front());
+    fileQueue_.pop_front();
+    return true;
+}
+
+void FileSystem::RunQueued(const std::shared_ptr<File>& file) {
+    file->ProcessJobs();
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    queued_.erase(file.get());
 }
 
 void FileSystem::Process(void* context) {
@@ -62,21 +67,13 @@ void FileSystem::Process(void* context) {
             continue;
         }
         // Drain in a loop: the semaphore may lag behind the queue.
-        for (;;) {
-            std::shared_ptr<File> file;
-            {
-                std::lock_guard<std::mutex> lock(queueMutex_);
-                if (fileQueue_.empty()) break;
-                file = std::move(fileQueue_.front());
-                fileQueue_.pop_front();
-            }
+        std::shared_ptr<File> file;
+        while (PopQueued(file)) {
             if (!file) {
                 stop = true;
                 break;
             }
-            file->ProcessJobs();
-            std::lock_guard<std::mutex> lock(queueMutex_);
-            queued_.erase(file.get());
+            RunQueued(file);
         }
     }
     std::lock_guard<std::mutex> lock(workersMutex_);

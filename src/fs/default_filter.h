@@ -8,8 +8,9 @@
 
 #include "libfilesystem/filter.h"
 
-// Keeps ".DS_Store" files local for every process, and names no process as
-// a real-time uploader. A host that wants more sets a filter of its own.
+// Keeps ".DS_Store" files local for every process. On a mount with
+// real-time upload every process is a real-time uploader; without it none
+// is. A host that wants a narrower list sets a filter of its own.
 class DefaultFilter : public IFSFilter {
   public:
     explicit DefaultFilter(bool realtime);

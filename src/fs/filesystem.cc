@@ -4,11 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "api/async_queue.h"
-#include "api/log.h"
 #include "foundation/string_utils.h"
 #include "fs/default_filter.h"
 #include "libfilesystem/entry_points.h"
+#include "services/async_queue.h"
+#include "services/log.h"
 #include "tree/file.h"
 
 namespace {
@@ -28,6 +28,23 @@ constexpr ConfigSetting kSettings[CONFIG_COUNT] = {
     {"fileinfo_interval", "/fs/fileinfo", "3000"},  {"changes_interval", "/fs/changes", "5000"},
     {"quota_interval", "/fs/quota", "5000"},        {"callback_interval", "/fs/callback", "300"},
 };
+
+}  // namespace
+
+namespace {
+
+template <typename T>
+T LockedRead(std::mutex& mutex, const T& value) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return value;
+}
+
+template <typename T>
+AERROR LockedWrite(std::mutex& mutex, T& value, T next) {
+    std::lock_guard<std::mutex> lock(mutex);
+    value = std::move(next);
+    return SUCCESS;
+}
 
 }  // namespace
 
@@ -56,44 +73,37 @@ FileSystem::FileSystem(std::wstring mountPointWide, std::string volumeName, std:
 
 FileSystem::~FileSystem() = default;
 
-AERROR FileSystem::SetFSName(const char* name) {
+AERROR FileSystem::SetName(const char* what, std::string& name, const char* next) {
     std::lock_guard<std::mutex> lock(namesMutex_);
-    const std::string next = name != nullptr ? name : "";
-    __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Set filesystem name for %s, from %s to %s",
-             letter_.c_str(), fsName_.c_str(), next.c_str());
-    fsName_ = next;
+    const std::string text = next != nullptr ? next : "";
+    __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Set %s name for %s, from %s to %s", what,
+             letter_.c_str(), name.c_str(), text.c_str());
+    name = text;
     return SUCCESS;
+}
+
+AERROR FileSystem::SetFSName(const char* name) {
+    return SetName("filesystem", fsName_, name);
 }
 
 AERROR FileSystem::SetVolName(const char* name) {
-    std::lock_guard<std::mutex> lock(namesMutex_);
-    const std::string next = name != nullptr ? name : "";
-    __LOG__A(CurrentLogger(), LL_INFO, "[FILESYSTEM] Set volume name for %s, from %s to %s",
-             letter_.c_str(), volumeLabel_.c_str(), next.c_str());
-    volumeLabel_ = next;
-    return SUCCESS;
+    return SetName("volume", volumeLabel_, name);
 }
 
 AERROR FileSystem::SetFSFilter(std::shared_ptr<IFSFilter> filter) {
-    std::lock_guard<std::mutex> lock(pointersMutex_);
-    filter_ = std::move(filter);
-    return SUCCESS;
+    return LockedWrite(pointersMutex_, filter_, std::move(filter));
 }
 
 std::shared_ptr<IFSFilter> FileSystem::GetFSFilter() {
-    std::lock_guard<std::mutex> lock(pointersMutex_);
-    return filter_;
+    return LockedRead(pointersMutex_, filter_);
 }
 
 AERROR FileSystem::SetFSEvent(std::shared_ptr<IFSEvent> sink) {
-    std::lock_guard<std::mutex> lock(pointersMutex_);
-    fsEvent_ = std::move(sink);
-    return SUCCESS;
+    return LockedWrite(pointersMutex_, fsEvent_, std::move(sink));
 }
 
 std::shared_ptr<IFSEvent> FileSystem::GetFSEvent() {
-    std::lock_guard<std::mutex> lock(pointersMutex_);
-    return fsEvent_;
+    return LockedRead(pointersMutex_, fsEvent_);
 }
 
 AERROR FileSystem::SetFeature(FS_FEATURE bits) {

@@ -14,16 +14,17 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "foundation/config.h"
 #include "foundation/semaphore.h"
-#include "fs/file_handles.h"
 #include "fs/filesystem_interfaces.h"
 #include "libfilesystem/async.h"
 #include "libfilesystem/fs_config.h"
+#include "tree/file_handles.h"
 
 class File;
 
@@ -131,6 +132,7 @@ class FileSystem final : public IFileSystemImpl,
     // released.
     int Truncate(const char* path, long long size, IExportService* service,
                  std::string process) override;
+    int Fsync(unsigned long long handle, bool dataOnly, std::string process) override;
     // Creates the node of a new file in `parent`, on the remote too when its
     // protocol stores new files at once.
     AERROR CreateNewFile(std::shared_ptr<File> parent, std::string name, unsigned long attributes,
@@ -144,6 +146,8 @@ class FileSystem final : public IFileSystemImpl,
     // Resolves a canonical path over every protocol's tree, polling a
     // protocol for remote changes on a miss.
     AERROR GetFile(const char* path, std::shared_ptr<File>& out);
+    // The node of `path` as the volume names it (not yet canonical).
+    AERROR FindNode(const char* path, std::shared_ptr<File>& out);
     static AERROR GetFile(const char* path, std::shared_ptr<File> root, std::shared_ptr<File>& out);
     AERROR GetParent(const char* path, std::shared_ptr<File>& out);
     static std::string GetObjectName(const char* path, const char* separators);
@@ -165,6 +169,7 @@ class FileSystem final : public IFileSystemImpl,
     int WorkerCount() const { return workerCount_; }
     void JobStarted() override;
     void JobFinished() override;
+    std::shared_mutex& PlaceGate() override { return placeGate_; }
 
   private:
     // Both ends of a rename, resolved.
@@ -194,6 +199,13 @@ class FileSystem final : public IFileSystemImpl,
                           const char* path);
     // Runs the queued nodes' jobs until the queue is empty.
     void DrainQueue();
+    // Sets one of the names under the names lock, logging the change.
+    AERROR SetName(const char* what, std::string& name, const char* next);
+    // Takes the first queued node (null: a stop signal); false when the
+    // queue is empty.
+    bool PopQueued(std::shared_ptr<File>& file);
+    // Runs a queued node's jobs and lets it be queued again.
+    void RunQueued(const std::shared_ptr<File>& file);
 
     std::mutex mutex_;
     std::unordered_map<std::string, std::shared_ptr<_FS_PROTOCOL>> protocols_;
@@ -225,6 +237,8 @@ class FileSystem final : public IFileSystemImpl,
     std::unordered_map<File*, std::shared_ptr<File>> queued_;
     Semaphore queueSemaphore_{0};
     int workerCount_ = 4;
+    // Serialises folder moves with the several-call moves of files below.
+    std::shared_mutex placeGate_;
     // Workers handed to the host's queue that have not ended yet; teardown
     // waits for them, since they run on this object. With no queue the
     // workers ran inline at construction and the queue is drained by

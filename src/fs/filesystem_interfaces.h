@@ -8,6 +8,7 @@
 #include "libfilesystem/event_sink.h"
 #include "libfilesystem/filesystem.h"
 #include "libfilesystem/filter.h"
+#include "tree/filesystem_view.h"
 
 // The file system as the export service sees it: the host's interface.
 class IFileSystemImpl : public IFileSystem_V2 {
@@ -15,26 +16,9 @@ class IFileSystemImpl : public IFileSystem_V2 {
     // Truncation by path: the volume serves truncate(2) like any disk.
     virtual int Truncate(const char* path, long long size, IExportService* service,
                          std::string process) = 0;
-};
-
-// The file system as its nodes see it.
-class IFileSystemInternal {
-  public:
-    virtual std::shared_ptr<IFSFilter> GetFSFilter() = 0;
-    virtual FS_FEATURE GetFeature() = 0;
-    virtual std::shared_ptr<IFSEvent> GetFSEvent() = 0;
-    virtual std::string GetLetter() = 0;
-    virtual std::string GetVolumeLabel() = 0;
-    virtual std::string GetMountPoint() = 0;
-    virtual void QueueFile(std::shared_ptr<File> file) = 0;
-    // Background jobs of the tree (listings) run on the host's queue with
-    // pointers into the file system: teardown waits until each one that
-    // started has finished.
-    virtual void JobStarted() = 0;
-    virtual void JobFinished() = 0;
-
-  protected:
-    ~IFileSystemInternal() = default;
+    // fsync(2) and fdatasync(2) of an open file: its written data is durable
+    // in the cache when it returns 0. The upload still follows the close.
+    virtual int Fsync(unsigned long long handle, bool dataOnly, std::string process) = 0;
 };
 
 #endif  // LIBFS_FS_FILESYSTEM_INTERFACES_H_

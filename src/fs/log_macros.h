@@ -2,7 +2,7 @@
 #ifndef LIBFS_FS_LOG_MACROS_H_
 #define LIBFS_FS_LOG_MACROS_H_
 
-#include "api/log.h"
+#include "services/log.h"
 
 // "[FILESYSTEM] [letter:process] " followed by `format`; used inside
 // FileSystem members that have a `process` argument.

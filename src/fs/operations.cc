@@ -252,6 +252,16 @@ int FileSystem::Flush(const char*, std::string) {
     return ConvertAERROR(SUCCESS);
 }
 
+int FileSystem::Fsync(unsigned long long handle, bool dataOnly, std::string process) {
+    LOG_REQUEST("%s : %llu, %d", "Fsync", handle, dataOnly ? 1 : 0);
+    auto record = FindHandle(handle, process);
+    if (!record) return ConvertAERROR(INVALID_HANDLE);
+    // The size and the block map are kept with the data, so fdatasync has
+    // no less to do than fsync.
+    const AERROR result = record->file ? record->file->SyncCache() : SUCCESS;
+    return Outcome("Fsync", result, process, record->path.c_str());
+}
+
 int FileSystem::Unlink(const char* path, std::string process) {
     LOG_REQUEST("%s : %s", "Unlink", path);
     const std::string exact = ToExactPath(path, false);
@@ -267,9 +277,8 @@ int FileSystem::Unlink(const char* path, std::string process) {
 
 int FileSystem::RemoveDir(const char* path, std::string process) {
     LOG_REQUEST("%s : %s", "RemoveDir", path);
-    const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
-    AERROR result = GetFile(exact.c_str(), node);
+    AERROR result = FindNode(path, node);
     if (result == SUCCESS && node) {
         // rmdir never deletes what a folder holds: list it if it never was,
         // and refuse while anything but its marker files is in it.
@@ -354,9 +363,8 @@ int FileSystem::PlanRename(const char* from, const char* to, RenamePlan& plan) {
 }
 
 AERROR FileSystem::UploadCacheSave(const char* path, const char* localPath) {
-    const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
-    AERROR result = GetFile(exact.c_str(), node);
+    AERROR result = FindNode(path, node);
     if (result == SUCCESS && node) result = node->UploadCacheSave(node, localPath);
     __LOG__A(CurrentLogger(), result != SUCCESS ? LL_ERROR : LL_DEBUG,
              "[FILESYSTEM] %s %s => %s : %s", letter_.c_str(), "UploadCacheSave",
@@ -375,9 +383,8 @@ AERROR FileSystem::UploadCacheCancel(const char* path) {
 AERROR FileSystem::UploadRecovery(const char* name,
                                   AERROR (File::*operation)(std::shared_ptr<File>),
                                   const char* path) {
-    const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
-    AERROR result = GetFile(exact.c_str(), node);
+    AERROR result = FindNode(path, node);
     if (result == SUCCESS && node) result = (node.get()->*operation)(node);
     __LOG__A(CurrentLogger(), result != SUCCESS ? LL_ERROR : LL_DEBUG,
              "[FILESYSTEM] %s %s => %s : %s", letter_.c_str(), name, GetAERRORA(result),

@@ -1,4 +1,5 @@
 // Turning a volume path into its canonical form and finding its node.
+#include <algorithm>
 #include <deque>
 
 #include "foundation/string_utils.h"
@@ -23,15 +24,14 @@ std::vector<std::string> PathComponents(const std::string& path) {
 
 }  // namespace
 
+AERROR FileSystem::FindNode(const char* path, std::shared_ptr<File>& out) {
+    return GetFile(ToExactPath(path, false).c_str(), out);
+}
+
 std::string FileSystem::ToExactPath(const char* path, bool keepCase) {
     std::string text = path != nullptr ? path : "";
-    for (char& c : text) {
-        if (c == '\\') {
-            c = '/';
-        } else if (!keepCase && c >= 'A' && c <= 'Z') {
-            c = static_cast<char>(c - 'A' + 'a');
-        }
-    }
+    std::replace(text.begin(), text.end(), '\\', '/');
+    if (!keepCase) text = FoldName(std::move(text));
     std::deque<std::string> kept;
     for (auto& part : PathComponents(text)) {
         if (part == "..") {
@@ -99,16 +99,18 @@ void FileSystem::SetHidden(const std::string& name, std::shared_ptr<File> node) 
 
 AERROR FileSystem::GetFile(const char* path, std::shared_ptr<File>& out) {
     if (path == nullptr) return INVALID_PARAMETER;
-    std::lock_guard<std::mutex> lock(mutex_);
+    // No lock is held while a remote lists a folder or reports changes: a
+    // remote that hangs holds up only the lookups that need its answer.
+    const auto protocols = Protocols();
     const std::string wanted(path);
-    if ((wanted == "/" || wanted.empty()) && protocolOrder_.empty()) {
+    if ((wanted == "/" || wanted.empty()) && protocols.empty()) {
         out.reset();
         return FAILED;
     }
-    if (protocolOrder_.empty()) return SUCCESS;
+    if (protocols.empty()) return SUCCESS;
     if (FindHidden(wanted, out)) return SUCCESS;
     AERROR result = SUCCESS;
-    for (const auto& entry : protocolOrder_) {
+    for (const auto& entry : protocols) {
         if (wanted == "/") {
             out = entry->root;
             return SUCCESS;

@@ -1,9 +1,9 @@
 // Remote changes that a protocol reports to the root of its tree, and the
 // node's remote creation.
-#include "api/log.h"
 #include "data/cache_io.h"
-#include "fs/filesystem_interfaces.h"
+#include "services/log.h"
 #include "tree/file.h"
+#include "tree/filesystem_view.h"
 
 // Each report finds the node its key names in the root's index; reports on
 // items the tree never listed are dropped, since nothing of them is in
@@ -48,7 +48,7 @@ void File::UpdateFreeSpace() {
 }
 
 AERROR File::Touch(IExportService* service) {
-    if (!protocol_ || parent_ == nullptr) return FAILED;
+    if (!protocol_ || Parent() == nullptr) return FAILED;
     auto handle = std::shared_ptr<_FS_HANDLE_EXT>(FileHandles::NewHandle());
     handle->mode = HANDLE_MODE_WRITE;
     handle->context = GetContext();
@@ -69,7 +69,7 @@ AERROR File::Touch(IExportService* service) {
         ReportError(FSEVENT_STORE_FAILED, result, cookie);
     }
     if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
-    modified_ = 0;
+    content_.ClearModified();
     IndexForChanges(shared_from_this());
     return result;
 }

@@ -1,7 +1,7 @@
 // A folder's children: adding, removing and finding them by name.
 #include <vector>
 
-#include "api/log.h"
+#include "services/log.h"
 #include "tree/file.h"
 
 std::shared_ptr<File> File::AddChild(const _FS_FILE_V2* record, bool lock) {
@@ -13,21 +13,21 @@ std::shared_ptr<File> File::AddChild(const _FS_FILE_V2* record, bool lock) {
     // a child's is taken.
     auto child = std::make_shared<File>(protocol_, fileSystem_, config_, record, this, notifier_);
     child->SetParent(this);
-    std::unique_lock<std::recursive_mutex> guard(childLock_, std::defer_lock);
+    std::unique_lock<std::recursive_mutex> guard(children_.lock, std::defer_lock);
     if (lock) guard.lock();
-    auto it = children_.emplace(folded, std::move(child)).first;
-    childCount_ = children_.size();
+    auto it = children_.map.emplace(folded, std::move(child)).first;
+    children_.count = children_.map.size();
     return it->second;
 }
 
 void File::AddChild(std::shared_ptr<File> node, bool lock) {
     if (!node) return;
     {
-        std::unique_lock<std::recursive_mutex> guard(childLock_, std::defer_lock);
+        std::unique_lock<std::recursive_mutex> guard(children_.lock, std::defer_lock);
         if (lock) guard.lock();
         node->SetParent(this);
-        children_[FoldName(node->Name())] = node;
-        childCount_ = children_.size();
+        children_.map[FoldName(node->Name())] = node;
+        children_.count = children_.map.size();
     }
     Notify(node->IsFolder() ? NE_MKDIR : NE_CREATE, node->BuildPath('\\'));
 }
@@ -36,13 +36,13 @@ std::shared_ptr<File> File::RemoveChild(const char* name, bool lock) {
     if (name == nullptr) return nullptr;
     std::shared_ptr<File> removed;
     {
-        std::unique_lock<std::recursive_mutex> guard(childLock_, std::defer_lock);
+        std::unique_lock<std::recursive_mutex> guard(children_.lock, std::defer_lock);
         if (lock) guard.lock();
-        auto it = children_.find(FoldName(name));
-        if (it == children_.end()) return nullptr;
+        auto it = children_.map.find(FoldName(name));
+        if (it == children_.map.end()) return nullptr;
         removed = it->second;
-        children_.erase(it);
-        childCount_ = children_.size();
+        children_.map.erase(it);
+        children_.count = children_.map.size();
     }
     Notify(NE_DELETE, removed->BuildPath('\\'));
     return removed;
@@ -50,30 +50,30 @@ std::shared_ptr<File> File::RemoveChild(const char* name, bool lock) {
 
 std::shared_ptr<File> File::GetFileWithNoFetch(const char* name) {
     if (name == nullptr) return nullptr;
-    std::lock_guard<std::recursive_mutex> guard(childLock_);
-    auto it = children_.find(FoldName(name));
-    return it == children_.end() ? nullptr : it->second;
+    std::lock_guard<std::recursive_mutex> guard(children_.lock);
+    auto it = children_.map.find(FoldName(name));
+    return it == children_.map.end() ? nullptr : it->second;
 }
 
 void File::ClearChildrens() {
-    std::lock_guard<std::recursive_mutex> guard(childLock_);
-    for (auto& entry : children_)
+    std::lock_guard<std::recursive_mutex> guard(children_.lock);
+    for (auto& entry : children_.map)
         entry.second->ClearChildrens();
-    children_.clear();
-    childCount_ = 0;
+    children_.map.clear();
+    children_.count = 0;
 }
 
 size_t File::ChildCount() {
-    return childCount_.load();
+    return children_.count.load();
 }
 
 void File::CloseAllHandles() {
     handles_.CloseAllHandles();
     std::vector<std::shared_ptr<File>> children;
     {
-        std::lock_guard<std::recursive_mutex> guard(childLock_);
-        children.reserve(children_.size());
-        for (auto& entry : children_)
+        std::lock_guard<std::recursive_mutex> guard(children_.lock);
+        children.reserve(children_.map.size());
+        for (auto& entry : children_.map)
             children.push_back(entry.second);
     }
     for (auto& child : children)

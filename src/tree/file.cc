@@ -6,14 +6,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
 #include <locale>
 #include <sstream>
 
-#include "api/log.h"
 #include "foundation/string_utils.h"
 #include "foundation/time_utils.h"
-#include "fs/filesystem_interfaces.h"
 #include "libfilesystem/entry_points.h"
+#include "services/log.h"
+#include "tree/filesystem_view.h"
 
 namespace {
 
@@ -34,30 +35,18 @@ std::string DoublePercent(std::string text) {
 
 }  // namespace
 
-std::string FoldName(const std::string& name) {
-    std::string folded(name);
-    for (char& c : folded) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return folded;
-}
-
 File::File(std::shared_ptr<IProtocol_V2> protocol, IFileSystemInternal* fs, IFSConfig* config,
            const _FS_FILE_V2* record, File* parent, INotifier* notifier)
-    : updatedAt_(Clock::now()),
-      config_(config),
-      parent_(parent),
+    : config_(config),
       notifier_(notifier),
       protocol_(std::move(protocol)),
-      adjustTime_(NoAdjustServerTimeOffset),
-      adjustOffset_(NoAdjustOffsetForServerTime),
       fileSystem_(fs),
       serial_(gn.fetch_add(1) + 1) {
-    children_.max_load_factor(1.0);
-    hashes_.max_load_factor(1.0);
+    parent_.Set(parent, nullptr);
+    children_.map.max_load_factor(1.0);
     if (protocol_ && (protocol_->GetCapabilities() & PROTOCOL_CAP_SERVER_TIME_OFFSET) != 0) {
-        adjustTime_ = AdjustServerTimeOffset;
-        adjustOffset_ = AdjustOffsetForServerTime;
+        serverTime_.fromServer = AdjustServerTimeOffset;
+        serverTime_.toServer = AdjustOffsetForServerTime;
     }
     auto info = std::make_shared<_FS_FILE_EXT>();
     if (record == nullptr) {
@@ -75,13 +64,13 @@ File::File(std::shared_ptr<IProtocol_V2> protocol, IFileSystemInternal* fs, IFSC
         }
     } else {
         _FS_FILE_V2 copy(*record);
-        copy.createTime = adjustTime_(copy.createTime.c_str());
-        copy.accessTime = adjustTime_(copy.accessTime.c_str());
-        copy.modifyTime = adjustTime_(copy.modifyTime.c_str());
+        copy.createTime = serverTime_.fromServer(copy.createTime.c_str());
+        copy.accessTime = serverTime_.fromServer(copy.accessTime.c_str());
+        copy.modifyTime = serverTime_.fromServer(copy.modifyTime.c_str());
         *info = copy;
     }
     remoteKey_ = info->key;
-    fetchableSize_ = info->size;
+    content_.SetFetchableSize(info->size);
     info_ = info;
     if (IsFolder()) AddMarkerFiles();
 }
@@ -92,9 +81,7 @@ void File::SetParent(File* parent) {
     // A folder being constructed (adding its marker files) is not yet held
     // by a shared pointer; its children keep the plain pointer only.
     std::shared_ptr<File> reference = parent != nullptr ? parent->weak_from_this().lock() : nullptr;
-    std::lock_guard<std::mutex> lock(dataMutex_);
-    parent_ = parent;
-    parentRef_ = std::move(reference);
+    parent_.Set(parent, std::move(reference));
 }
 
 void File::AddMarkerFiles() {
@@ -123,13 +110,18 @@ std::shared_ptr<IFSEvent> File::GetFSEvent() const {
     return fileSystem_ != nullptr ? fileSystem_->GetFSEvent() : nullptr;
 }
 
+std::shared_mutex& File::PlaceGate() {
+    static std::shared_mutex detached;
+    return fileSystem_ != nullptr ? fileSystem_->PlaceGate() : detached;
+}
+
 std::string File::MountPoint() const {
     return fileSystem_ != nullptr ? fileSystem_->GetLetter() : std::string();
 }
 
 File* File::GetRootFile() {
     File* node = this;
-    while (node->parent_ != nullptr)
+    while (node->Parent() != nullptr)
         node = node->Parent();
     return node;
 }
@@ -147,32 +139,19 @@ std::string File::RemoteKey() const {
 }
 
 void File::AddHash(const std::string& key, std::shared_ptr<File> file) {
-    std::lock_guard<std::mutex> lock(hashLock_);
-    hashes_[key] = std::move(file);
+    hashes_.Add(key, std::move(file));
 }
 
 void File::RemoveHash(const std::string& key) {
-    std::lock_guard<std::mutex> lock(hashLock_);
-    hashes_.erase(key);
+    hashes_.Remove(key);
 }
 
 std::shared_ptr<File> File::FindHash(const std::string& key) {
-    std::lock_guard<std::mutex> lock(hashLock_);
-    auto it = hashes_.find(key);
-    if (it == hashes_.end()) return nullptr;
-    auto node = it->second.lock();
-    // An entry left by a node that was renamed or moved since names
-    // another item now: it is dropped, never applied to the wrong node.
-    if (!node || (node->RemoteKey() != key && node->Key() != key)) {
-        hashes_.erase(it);
-        return nullptr;
-    }
-    return node;
+    return hashes_.Find(key);
 }
 
 void File::ClearHashForChanges() {
-    std::lock_guard<std::mutex> lock(hashLock_);
-    hashes_.clear();
+    hashes_.Clear();
 }
 
 void File::IndexForChanges(const std::shared_ptr<File>& node) {
@@ -277,7 +256,7 @@ int File::getattr(struct stat* st) {
         st->st_size = 1446;
         // The child count is kept apart from the child map so that a busy
         // child lock never blocks getattr.
-        st->st_nlink = childCount_.load() + 2;
+        st->st_nlink = children_.count.load() + 2;
     }
     st->st_atime = RFC3339ToTM(info->accessTime.c_str());
     st->st_mtime = RFC3339ToTM(info->modifyTime.c_str());
@@ -302,12 +281,26 @@ void File::Notify(NOTIFYEVENT event, const std::wstring& path, const std::wstrin
                             newPath != nullptr ? newPath->c_str() : nullptr);
 }
 
+bool File::HasFeature(FS_FEATURE feature, bool withoutFileSystem) const {
+    if (fileSystem_ == nullptr) return withoutFileSystem;
+    return (static_cast<uint32_t>(fileSystem_->GetFeature()) & feature) != 0;
+}
+
+long File::ToServerTime(long t) const {
+    // The reverse of how the server's own times are read: its wall-clock
+    // text of the instant, read as UTC.
+    if (t == 0 || serverTime_.toServer == NoAdjustOffsetForServerTime) return t;
+    return RFC3339ToLocalTM(serverTime_.toServer(t).c_str());
+}
+
 AERROR File::SetFileTime(long createTime, long accessTime, long modifyTime) {
     AERROR result = SUCCESS;
     const std::string key = RemoteKey();
     if (protocol_ && !key.empty() && (protocol_->GetCapabilities() & PROTOCOL_CAP_SET_TIME) != 0) {
         void* cookie = nullptr;
-        result = protocol_->SetItemTime(key.c_str(), createTime, accessTime, modifyTime, &cookie);
+        result =
+            protocol_->SetItemTime(key.c_str(), ToServerTime(createTime), ToServerTime(accessTime),
+                                   ToServerTime(modifyTime), &cookie);
         if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
     }
     if (result != SUCCESS) return result;

@@ -6,9 +6,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -16,18 +14,40 @@
 #include <string>
 #include <unordered_map>
 
-#include "fs/file_handles.h"
+#include "data/file_content.h"
+#include "foundation/string_utils.h"
+#include "foundation/time_utils.h"
 #include "libfilesystem/cache.h"
 #include "libfilesystem/filesystem.h"
 #include "libfilesystem/fs_config.h"
 #include "libfilesystem/notifier.h"
 #include "libfilesystem/protocol.h"
+#include "tree/file_handles.h"
 #include "tree/file_records.h"
+#include "tree/key_index.h"
+#include "tree/listing_state.h"
 
 class FindFiles;
 class IFileSystemInternal;
-struct _ASYNCJOB;
 struct UploadPlace;
+class StreamPipe;
+
+// A node's parent: a plain pointer readable without a lock, and a reference
+// that keeps the parent alive for as long as the node lives.
+class ParentLink {
+  public:
+    File* Get() const { return parent_.load(); }
+    void Set(File* parent, std::shared_ptr<File> reference) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        parent_ = parent;
+        reference_ = std::move(reference);
+    }
+
+  private:
+    std::atomic<File*> parent_{nullptr};
+    std::mutex mutex_;
+    std::shared_ptr<File> reference_;  // guarded by mutex_
+};
 
 // Values of File::fileState.
 constexpr uint32_t FILE_STATE_NEW = 1;       // a folder never listed
@@ -65,24 +85,21 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     std::shared_ptr<IFSEvent> GetFSEvent() const;
     std::string MountPoint() const;
     File* GetRootFile();
-    File* GetParent() const { return parent_.load(); }
-    File* Parent() const { return parent_.load(); }
+    File* GetParent() const { return parent_.Get(); }
+    File* Parent() const { return parent_.Get(); }
     // Puts the node under `parent`. The node holds its parent as long as it
     // lives, so that a node kept by an upload or an open handle after its
     // folder left the tree still reaches it.
     void SetParent(File* parent);
     bool IsRoot() const { return (Info()->attributes & FILE_ATTRIBUTE_ROOT) != 0; }
     bool IsFolder() const { return (Info()->attributes & FILE_ATTRIBUTE_FOLDER) != 0; }
-    bool IsUploading() const {
-        const uint32_t state = uploadState_.load();
-        return state == 3 || state == 4;
-    }
+    bool IsUploading() const { return content_.IsUploading(); }
     uint32_t GetFileState() const { return fileState_.load(); }
     void SetFileState(uint32_t state) { fileState_ = state; }
-    uint8_t SetModified() { return modified_.exchange(1); }
-    bool IsModified() const { return modified_.load() != 0; }
+    uint8_t SetModified() { return content_.SetModified(); }
+    bool IsModified() const { return content_.IsModified(); }
     void SetNotifier(INotifier* notifier) { notifier_ = notifier; }
-    std::recursive_mutex* GetChildLock() { return &childLock_; }
+    std::recursive_mutex* GetChildLock() { return &children_.lock; }
     uint64_t Serial() const { return serial_; }
     // The node's record. Records are never changed in place: a change builds
     // a new one under the data lock and publishes it, so a reader's snapshot
@@ -149,6 +166,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Sets the item's times (seconds since the epoch; 0 leaves one as it is),
     // remotely when the protocol can, and on the node.
     AERROR SetFileTime(long createTime, long accessTime, long modifyTime);
+    // A time as the protocol is to be sent it: a server that keeps its local
+    // time gets the local wall-clock time. 0 stays 0.
+    long ToServerTime(long t) const;
 
     // Children. `lock` says whether the call takes the child lock itself
     // (true) or runs inside a caller that holds it (false).
@@ -165,6 +185,8 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     AERROR FetchList(std::shared_ptr<File> self);
     // Lists the folder now, whatever the age of its last listing.
     AERROR FetchListWithNoDetectChanges(std::shared_ptr<File> self);
+    // The folder's children are all it holds, without a listing.
+    void MarkListed();
     bool HasAnyOpenedChildHandle();
     // Whether the folder holds anything but items that exist only locally
     // and are empty (its marker files).
@@ -177,7 +199,7 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     AERROR readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out);
     static bool IsUtf8(const char* text);
     // Stops this folder from being listed (folders that exist only locally).
-    void SetNoListing(bool value) { noListing_ = value; }
+    void SetNoListing(bool value) { listing_.SetDisabled(value); }
 
     // Applies a fresh record of the remote item to the node; with
     // `sameContent` (a rename or move) the cached data stays as it is.
@@ -198,11 +220,18 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Reopens the node's cache object for `mode`, opening one if it has none.
     void ReopenCache(char mode);
     void CloseCache();
-    std::shared_ptr<ICacheObj> CacheObject();
+    // Tells the cache where this node's content belongs: its path in the
+    // volume and its remote, and, when `base` is not null, the remote record
+    // that the local changes replace.
+    void NoteOrigin(const _FS_FILE_V2* base);
+    std::shared_ptr<ICacheObj> CacheObject() const { return content_.CacheObject(); }
     // The node's cache object, opened for reading if it has none (the cache
     // service keeps a file's data after its object closed); null without a
     // cache service.
     std::shared_ptr<ICacheObj> OpenedCache();
+    // Makes the data written to the node durable in the cache (fsync, and
+    // the close that ends a change). SUCCESS when nothing is cached.
+    AERROR SyncCache();
     AERROR ReadFile(_FS_HANDLE_EXT* handle, void* buffer, unsigned long size, unsigned long* read,
                     long long offset, IExportService* exportService);
     AERROR WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long size,
@@ -210,13 +239,30 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     AERROR SetEndOfFile(_FS_HANDLE_EXT* handle, long long size);
     AERROR SetAllocationSize(_FS_HANDLE_EXT* handle, long long size);
     AERROR ftruncate(const std::string& path, long long size);
+    // Whether the file system has `feature` on; `withoutFileSystem` for a
+    // node that belongs to none.
+    bool HasFeature(FS_FEATURE feature, bool withoutFileSystem = false) const;
     bool IsOfflineOnly() const { return (Info()->attributes & FILE_ATTRIBUTE_NO_DELETE) != 0; }
-    uint32_t GetUploadState() const { return uploadState_.load(); }
-    void SetUploadState(uint32_t state) { uploadState_ = state; }
+    UploadState GetUploadState() const { return content_.GetUploadState(); }
+    void SetUploadState(UploadState state) { content_.SetUploadState(state); }
     // The pipe a running streaming upload takes written data from.
-    void SetStreamingPipe(std::shared_ptr<ICacheIO> pipe);
-    std::shared_ptr<ICacheIO> StreamingPipe();
-    long long FetchableSize() const;
+    void SetStreamingPipe(std::shared_ptr<ICacheIO> pipe) {
+        content_.SetStreamingPipe(std::move(pipe));
+    }
+    std::shared_ptr<ICacheIO> StreamingPipe() const { return content_.StreamingPipe(); }
+    long long FetchableSize() const { return content_.FetchableSize(); }
+    // Real-time upload (stream_upload.cc): `record`'s successful write also
+    // goes to the streaming upload, starting one when `realtime` and the
+    // write begins an empty file; anything else abandons a running stream.
+    void FeedStream(const std::shared_ptr<_FS_HANDLE_EXT>& record, const _WRITEDATA& request,
+                    long long priorSize, bool realtime, IExportService* exportService);
+    // The writer `record` closes: ends its stream and waits for the upload.
+    void EndStream(const std::shared_ptr<_FS_HANDLE_EXT>& record, IExportService* exportService);
+    // Gives the running stream up; the close uploads from the cache.
+    void AbandonStream();
+    // The upload job of a stream, on the host's queue.
+    AERROR RunStream(const std::shared_ptr<_ASYNCJOB>& job,
+                     const std::shared_ptr<StreamPipe>& pipe);
 
     // Handles and background work of the whole subtree.
     void CloseAllHandles();
@@ -254,9 +300,13 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     AERROR Cleanup(_FS_HANDLE_EXT* handle, bool deleting, IExportService* exportService);
     // The handle an upload job of `origin` works on behalf of.
     static std::shared_ptr<_FS_HANDLE_EXT> JobHandle(const std::shared_ptr<_FS_HANDLE_EXT>& origin);
+    // The last writer of a changed file closed `record`: makes the data
+    // durable and queues the upload, or runs it with --no-async-upload.
+    AERROR StoreAfterClose(const std::shared_ptr<_FS_HANDLE_EXT>& record,
+                           IExportService* exportService);
     // The node was deleted on the remote: nothing of it is uploaded any more.
     bool IsRemoved() const { return removed_.load(); }
-    void UpdateLastWrite() { ++writeGeneration_; }
+    void UpdateLastWrite() { content_.NoteWrite(); }
 
   private:
     AERROR RunListing(std::shared_ptr<File> self, bool background);
@@ -270,16 +320,33 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
                       void** cookie);
     AERROR CommitUpload(_FS_FILE_V2& record, const UploadPlace& place, uint64_t generation,
                         const std::shared_ptr<ICacheObj>& cacheObject);
+    // Gives the stored item `key` the node's modification time and, for a
+    // node with the archive mark, the mark again; true when the time was set.
+    bool MarkStoredItem(const std::string& key, const _FS_FILE_EXT& local);
     AERROR FollowPlace(_FS_FILE_V2& record, const UploadPlace& place);
+    // The volume's place gate (IFileSystemInternal::PlaceGate); a node of no
+    // file system shares one with every other such node.
+    std::shared_mutex& PlaceGate();
     AERROR AskAboutFailure(AERROR result, const std::shared_ptr<_ASYNCJOB>& job);
     // Sets the record's size (and the fetchable size) after a truncation,
-    // and marks the node; the caller holds contentLock_ shared.
+    // and marks the node; the caller holds the content lock shared.
     void Resize(long long size, bool forgetRemoteContent);
-    // Writes the request into the cache object and marks the node.
+    // Writes the request into the cache object and marks the node; on
+    // failure puts back the size the file had before, `priorSize`.
     AERROR WriteToCache(const std::shared_ptr<ICacheObj>& cacheObject, _WRITEDATA& request,
-                        unsigned long* written);
-    AERROR WriteStreaming(const std::shared_ptr<_FS_HANDLE_EXT>& record, _WRITEDATA& request,
-                          unsigned long* written, IExportService* exportService);
+                        long long priorSize, unsigned long* written);
+    // Logs a failed write and returns `code`.
+    static AERROR WriteFailed(AERROR code);
+    // Grows the record's size to the end of the write and fills in the
+    // request's file size and fetch source; returns the size before.
+    long long GrowForWrite(_WRITEDATA& request, bool streaming);
+    // A write to a file at rest, or whose last upload has ended, marks the
+    // content written.
+    void MarkWritten(bool hasPipe);
+    // Writes into the cache object, opening one for writing if needed.
+    AERROR WriteToOpenedCache(_WRITEDATA& request, long long priorSize, unsigned long* written);
+    std::shared_ptr<StreamPipe> StartStream(const std::shared_ptr<_FS_HANDLE_EXT>& record);
+    std::shared_ptr<StreamPipe> CurrentStream();
     void AddMarkerFiles();
     // Replaces the record with `record`; the caller holds dataMutex_.
     void PublishInfo(std::shared_ptr<_FS_FILE_EXT> record) { std::atomic_store(&info_, record); }
@@ -317,77 +384,46 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Indexes `node` on the root when the protocol reports changes itself.
     void IndexForChanges(const std::shared_ptr<File>& node);
 
-    std::atomic<Clock::time_point> listedAt_{Clock::time_point{}};
-    std::atomic<Clock::time_point> updatedAt_;
     std::shared_ptr<_FS_FILE_EXT> info_;
     IFSConfig* config_;
-    std::recursive_mutex childLock_;
+    // Serialises changes of the record (info_) and of remoteKey_.
     mutable std::mutex dataMutex_;
-    std::mutex stateMutex_;
-    Children children_;
-    // children_.size(), readable without the child lock.
-    std::atomic<size_t> childCount_{0};
-    std::mutex hashLock_;
-    // Weak, so that a node indexed after teardown cleared the index (an
-    // upload that ends late) never keeps the tree alive.
-    std::unordered_map<std::string, std::weak_ptr<File>> hashes_;  // guarded by hashLock_
-    std::atomic<File*> parent_;
-    std::shared_ptr<File> parentRef_;         // guarded by dataMutex_
-    std::shared_ptr<ICacheObj> cacheObject_;  // guarded by dataMutex_
-    std::string cacheKey_;                    // guarded by dataMutex_
-    // The cache service may hold clean data of an older remote version of
-    // this file (from before this node existed, or from before a remote
-    // change seen while no cache object was open): the next cache object
-    // opened drops it first.
-    std::atomic<bool> cacheStale_{true};
+    // The children by folded name, and their lock (the child lock).
+    struct ChildSet {
+        std::recursive_mutex lock;
+        Children map;  // guarded by lock
+        // map.size(), readable without the lock.
+        std::atomic<size_t> count{0};
+    } children_;
+    // On a protocol's root: nodes by remote key, for change reports.
+    KeyIndex hashes_;
+    // The parent, held for as long as the node lives.
+    ParentLink parent_;
     INotifier* notifier_;
     std::shared_ptr<IProtocol_V2> protocol_;
-    std::mutex listingMutex_;  // guards pendingListing_
-    std::shared_ptr<FindFiles> pendingListing_;
-    std::shared_ptr<ICacheIO> streamingPipe_;  // guarded by stateMutex_
     std::atomic<uint32_t> fileState_{FILE_STATE_NEW};
-    std::atomic<uint32_t> uploadState_{1};
-    std::atomic<uint8_t> modified_{0};
-    std::atomic<bool> noListing_{false};
     std::string remoteKey_;
-    // The length that may be fetched from the remote; bytes past it were
-    // written locally. Guarded by dataMutex_.
-    int64_t fetchableSize_ = 0;
     // When the remote record of the file was last checked on open.
     std::atomic<Clock::time_point> lastCheck_{Clock::time_point{}};
-    // Set while the content comes from a local source of the upload side
-    // rather than from writes; empty otherwise.
-    std::string uploadSource_;
-    std::string (*adjustTime_)(const char*);
-    std::string (*adjustOffset_)(long);
+    // How times are read from and sent to the server.
+    struct ServerTime {
+        std::string (*fromServer)(const char*) = NoAdjustServerTimeOffset;
+        std::string (*toServer)(long) = NoAdjustOffsetForServerTime;
+    } serverTime_;
     IFileSystemInternal* fileSystem_;
-    std::atomic<bool> listed_{false};
-    std::mutex jobLock_;
-    std::deque<std::shared_ptr<_ASYNCJOB>> jobs_;
-    std::shared_ptr<_ASYNCJOB> runningJob_;  // guarded by jobLock_
-    std::condition_variable jobsDone_;
+    ListingState listing_;
     // Serialises changes of the node's remote name or place (rename, move)
     // with the start and the end of its uploads. Lookups never take it, and
     // it is never held while data is sent.
     std::mutex placeLock_;
     std::atomic<bool> removed_{false};
-    // Counts changes of the content, so that an upload knows whether what it
-    // sent is still the latest.
-    std::atomic<uint64_t> writeGeneration_{0};
-    // Writers of the content hold it shared while they change the cache and
-    // mark the node; an upload that succeeded holds it exclusive while it
-    // checks the generation, commits the cache and clears the mark, so that no
-    // change can slip between the check and the clearing.
-    std::shared_mutex contentLock_;
+    // The cache object, upload state, streaming pipe and job queue.
+    FileContent content_;
     FileHandles handles_;
     uint64_t serial_;
 };
 
 // Whether `name` is one a node takes only on its way to another folder.
 bool IsTransitName(const std::string& name);
-
-// Folds a name to the lower-case form children are keyed by. Only ASCII
-// letters change; bytes of multi-byte UTF-8 sequences stay as they are.
-std::string FoldName(const std::string& name);
 
 #endif  // LIBFS_TREE_FILE_H_

@@ -3,7 +3,7 @@
 #include <mutex>
 #include <set>
 
-#include "api/log.h"
+#include "services/log.h"
 
 bool IsAcceptableName(const std::string& name) {
     if (name.empty() || name == "." || name == "..") return false;

@@ -1,7 +1,11 @@
 #include "tree/find_files.h"
 
-#include "api/log.h"
+#include <chrono>
+#include <thread>
+
 #include "data/upload_place.h"
+#include "foundation/transient_errors.h"
+#include "services/log.h"
 #include "tree/file.h"
 
 FindFiles::FindFiles(std::shared_ptr<File> folder) : folder_(std::move(folder)) {
@@ -44,18 +48,18 @@ void FindFiles::Process(void*) {
         return;
     }
     reportsChanges_ = (protocol->GetCapabilities() & PROTOCOL_CAP_REPORTS_CHANGES) != 0;
-    folder_->CopyChildren(unseen_);
 
+    // A listing changes nothing, so a broken connection is simply tried
+    // again, after 50, 100, 200 and 400 ms.
     void* cookie = nullptr;
-    try {
-        result_ = protocol->ListFolder(folder_->Key().c_str(), this, &cookie);
-    } catch (const std::exception& e) {
-        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception : %s", "ListFolder",
-                 e.what());
-        result_ = FAILED;
-    } catch (...) {
-        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception", "ListFolder");
-        result_ = FAILED;
+    for (int attempt = 0;; ++attempt) {
+        folder_->CopyChildren(unseen_);
+        added_.clear();
+        result_ = ListOnce(protocol.get(), &cookie);
+        if (result_ == SUCCESS || !IsTransientError(result_) || attempt >= kListRetries) break;
+        if (cookie != nullptr) protocol->ReleaseCookie(cookie);
+        cookie = nullptr;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50 << attempt));
     }
     if (result_ == SUCCESS) {
         folder_->MergeListing(added_, unseen_);
@@ -67,6 +71,15 @@ void FindFiles::Process(void*) {
     unseen_.clear();
     added_.clear();
     folder_->ListingDone(this);
+}
+
+AERROR FindFiles::ListOnce(IProtocol_V2* protocol, void** cookie) {
+    try {
+        return protocol->ListFolder(folder_->Key().c_str(), this, cookie);
+    } catch (...) {
+        LogCaughtException("ListFolder");
+    }
+    return FAILED;
 }
 
 void FindFiles::Canceled(void*) {

@@ -33,6 +33,9 @@ class FindFiles : public IFileList,
     bool IsBackground() const { return background_; }
 
   private:
+    static constexpr int kListRetries = 4;
+    AERROR ListOnce(IProtocol_V2* protocol, void** cookie);
+
     using Nodes = std::unordered_map<std::string, std::shared_ptr<File>>;
 
     std::shared_ptr<File> folder_;

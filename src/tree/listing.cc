@@ -1,10 +1,10 @@
 // Looking names up in a folder, and keeping its listing fresh.
 #include <vector>
 
-#include "api/async_queue.h"
-#include "api/log.h"
-#include "fs/filesystem_interfaces.h"
+#include "services/async_queue.h"
+#include "services/log.h"
 #include "tree/file.h"
+#include "tree/filesystem_view.h"
 #include "tree/find_files.h"
 
 std::shared_ptr<File> File::NewChild(const _FS_FILE_V2* record) {
@@ -21,26 +21,20 @@ std::shared_ptr<File> File::GetFile(const char* name, std::shared_ptr<File> self
     if (IsFolder() && wanted != ".localized" && wanted != ".trashes") {
         const bool reportsChanges =
             protocol_ && (protocol_->GetCapabilities() & PROTOCOL_CAP_REPORTS_CHANGES) != 0;
-        if (reportsChanges && listed_.load()) return GetFileWithNoFetch(name);
+        if (reportsChanges && listing_.Requested()) return GetFileWithNoFetch(name);
         FetchList(self);
     }
     return GetFileWithNoFetch(name);
 }
 
 AERROR File::FetchList(std::shared_ptr<File> self) {
-    if (noListing_.load()) return SUCCESS;
-    {
-        std::lock_guard<std::mutex> lock(listingMutex_);
-        if (pendingListing_) return SUCCESS;
-    }
-    listed_ = true;
-    const bool backgroundRefresh =
-        fileSystem_ == nullptr ||
-        (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_NO_BACKGROUND_REFRESH) == 0;
+    if (listing_.Disabled() || listing_.Pending()) return SUCCESS;
+    listing_.SetRequested(true);
+    const bool backgroundRefresh = !HasFeature(FEATURE_NO_BACKGROUND_REFRESH);
     if (backgroundRefresh && fileState_.load() == FILE_STATE_LISTED) {
         // The refresh interval is the "fetchasync" setting, in milliseconds.
-        const auto age =
-            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - listedAt_.load());
+        const auto age = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() -
+                                                                               listing_.ListedAt());
         if (age.count() < GetConfig().fetchasync) return SUCCESS;
         return RunListing(std::move(self), true);
     }
@@ -48,22 +42,14 @@ AERROR File::FetchList(std::shared_ptr<File> self) {
 }
 
 AERROR File::FetchListWithNoDetectChanges(std::shared_ptr<File> self) {
-    if (noListing_.load()) return SUCCESS;
-    {
-        std::lock_guard<std::mutex> lock(listingMutex_);
-        if (pendingListing_) return SUCCESS;
-    }
-    listed_ = true;
+    if (listing_.Disabled() || listing_.Pending()) return SUCCESS;
+    listing_.SetRequested(true);
     return RunListing(std::move(self), false);
 }
 
 AERROR File::RunListing(std::shared_ptr<File> self, bool background) {
     auto job = std::make_shared<FindFiles>(std::move(self));
-    {
-        std::lock_guard<std::mutex> lock(listingMutex_);
-        if (pendingListing_) return SUCCESS;
-        pendingListing_ = job;
-    }
+    if (!listing_.Begin(job)) return SUCCESS;
     if (background) {
         // The old children answer while the refresh runs on the queue.
         if (fileSystem_ != nullptr) fileSystem_->JobStarted();
@@ -76,26 +62,30 @@ AERROR File::RunListing(std::shared_ptr<File> self, bool background) {
 }
 
 void File::ListingDone(FindFiles* job) {
-    {
-        std::lock_guard<std::mutex> lock(listingMutex_);
-        if (pendingListing_.get() == job) pendingListing_.reset();
-    }
+    listing_.End(job);
     if (job->IsBackground() && fileSystem_ != nullptr) fileSystem_->JobFinished();
 }
 
+void File::MarkListed() {
+    std::lock_guard<std::recursive_mutex> lock(children_.lock);
+    listing_.SetRequested(true);
+    fileState_ = FILE_STATE_LISTED;
+    listing_.Stamp();
+}
+
 void File::CopyChildren(Children& out) {
-    std::lock_guard<std::recursive_mutex> lock(childLock_);
-    out = children_;
+    std::lock_guard<std::recursive_mutex> lock(children_.lock);
+    out = children_.map;
 }
 
 void File::MergeListing(const Children& added, const Children& unseen) {
     std::vector<std::shared_ptr<File>> inserted;
     {
-        std::lock_guard<std::recursive_mutex> lock(childLock_);
+        std::lock_guard<std::recursive_mutex> lock(children_.lock);
         for (const auto& [folded, node] : added) {
-            if (children_.emplace(folded, node).second) inserted.push_back(node);
+            if (children_.map.emplace(folded, node).second) inserted.push_back(node);
         }
-        childCount_ = children_.size();
+        children_.count = children_.map.size();
         // Nodes that were never stored remotely (no key) are local only, like
         // the marker files: a listing cannot know them.
         for (const auto& [folded, node] : unseen) {
@@ -108,13 +98,13 @@ void File::MergeListing(const Children& added, const Children& unseen) {
             }
         }
         fileState_ = FILE_STATE_LISTED;
-        listedAt_ = Clock::now();
+        listing_.Stamp();
     }
 }
 
 bool File::HasEntries() {
-    std::lock_guard<std::recursive_mutex> lock(childLock_);
-    for (const auto& [folded, child] : children_) {
+    std::lock_guard<std::recursive_mutex> lock(children_.lock);
+    for (const auto& [folded, child] : children_.map) {
         // A file unlinked while open is gone already.
         if (child->IsRemoved()) continue;
         if (folded != ".ql_disablethumbnails" && folded != ".ql_disablecache") return true;
@@ -126,8 +116,8 @@ bool File::HasEntries() {
 bool File::HasAnyOpenedChildHandle() {
     std::vector<std::shared_ptr<File>> children;
     {
-        std::lock_guard<std::recursive_mutex> lock(childLock_);
-        for (const auto& entry : children_)
+        std::lock_guard<std::recursive_mutex> lock(children_.lock);
+        for (const auto& entry : children_.map)
             children.push_back(entry.second);
     }
     for (const auto& child : children) {
@@ -139,33 +129,30 @@ bool File::HasAnyOpenedChildHandle() {
 
 AERROR File::readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out) {
     try {
-        std::lock_guard<std::recursive_mutex> lock(childLock_);
+        std::lock_guard<std::recursive_mutex> lock(children_.lock);
         const bool reportsChanges =
             protocol_ && (protocol_->GetCapabilities() & PROTOCOL_CAP_REPORTS_CHANGES) != 0;
-        if (!(reportsChanges && listed_.load())) FetchList(self);
+        if (!(reportsChanges && listing_.Requested())) FetchList(self);
 
         FS_DIR_ENTRY entry;
         entry.name = ".";
         getattr(&entry.st);
         out.push_back(entry);
         entry.name = "..";
-        if (parent_ != nullptr) {
+        if (Parent() != nullptr) {
             Parent()->getattr(&entry.st);
         } else {
             getattr(&entry.st);
         }
         out.push_back(entry);
-        for (const auto& [folded, child] : children_) {
+        for (const auto& [folded, child] : children_.map) {
             entry.name = child->Name();
             if (entry.name == "." || entry.name == ".." || IsHiddenByFuse(entry.name)) continue;
             child->getattr(&entry.st);
             out.push_back(entry);
         }
-    } catch (const std::exception& e) {
-        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception : %s", "readdir",
-                 e.what());
     } catch (...) {
-        __LOG__A(CurrentLogger(), LL_CRITICAL, "[FILESYSTEM] %s exception", "readdir");
+        LogCaughtException("readdir");
     }
     return SUCCESS;
 }

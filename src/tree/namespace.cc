@@ -2,10 +2,11 @@
 // and then in the tree.
 #include <vector>
 
-#include "api/log.h"
 #include "data/cache_service.h"
-#include "fs/filesystem_interfaces.h"
+#include "foundation/shared_hold.h"
+#include "services/log.h"
 #include "tree/file.h"
+#include "tree/filesystem_view.h"
 
 namespace {
 
@@ -28,6 +29,8 @@ AERROR File::CreateDirectory(const char* name) {
         if (!IsAcceptableName(record.name)) record.name = name;
         record.attributes |= FILE_ATTRIBUTE_FOLDER;
         if (auto node = AddChild(&record, true)) {
+            // A folder just made is empty: there is nothing to list.
+            node->MarkListed();
             IndexForChanges(node);
             Notify(NE_MKDIR, node->BuildPath('\\'));
         }
@@ -43,13 +46,13 @@ AERROR File::unlink(bool lock) {
     const std::string key = RemoteKey();
     const AERROR result = DeleteRemotely(open);
     if (result != SUCCESS) return result;
-    if (Parent() != nullptr) Parent()->RemoveChild(Name().c_str(), lock);
-    if (!key.empty()) GetRootFile()->RemoveHash(key);
-    Detach();
     // The item is gone: so is whatever the cache held of it, written data
     // that was never uploaded included; once its last handle closes, if it
     // is still open.
     if (!open && !IsFolder()) DropContent();
+    if (Parent() != nullptr) Parent()->RemoveChild(Name().c_str(), lock);
+    if (!key.empty()) GetRootFile()->RemoveHash(key);
+    Detach();
     UpdateFreeSpace();
     return SUCCESS;
 }
@@ -104,7 +107,7 @@ AERROR File::KeepContentLocally() {
     auto handle = JobHandle(nullptr);
     handle->context = GetContext();
     {
-        std::unique_lock<std::shared_mutex> content(contentLock_);
+        std::unique_lock<std::shared_mutex> content(content_.Lock());
         cacheObject->Reopen('w', Info()->size, this);
     }
     return cacheObject->FillUnwritten(handle);
@@ -113,24 +116,35 @@ AERROR File::KeepContentLocally() {
 void File::SetAside() {
     std::string oldKey;
     const std::wstring aside = L"\\.skarvo-removed-" + std::to_wstring(serial_);
+    // The content goes aside with the cache object open, so that the
+    // object follows it.
+    OpenCache('r');
     {
         std::lock_guard<std::mutex> lock(dataMutex_);
         // Nothing is fetched any more: the remote item is gone.
         auto next = std::make_shared<_FS_FILE_EXT>(*Info());
         next->key.clear();
         remoteKey_.clear();
-        fetchableSize_ = 0;
+        content_.SetFetchableSize(0);
         PublishInfo(next);
-        oldKey = cacheKey_;
-        if (!oldKey.empty()) cacheKey_ = CacheKey(aside);
+        oldKey = content_.Rekey(CacheKey(aside));
     }
     // The name is free for a new file, whose cache entry must not be this one.
-    if (!oldKey.empty()) Rehash(oldKey, aside, "");
+    if (!oldKey.empty()) {
+        Rehash(oldKey, aside, "");
+        // The content belongs nowhere now: it must never be uploaded again.
+        NoteCacheOrigin(CacheKey(aside), "", nullptr, nullptr);
+    }
 }
 
 void File::DropContent() {
+    std::string key = content_.CacheKey();
+    // A closed file's entry may still hold data whose upload failed.
+    if (key.empty()) key = CacheKey(BuildPathForCache('\\'));
     if (auto cacheObject = CacheObject()) cacheObject->Discard();
     CloseCache();
+    // What the cache still keeps of it belongs nowhere, and may go.
+    NoteCacheOrigin(key, "", nullptr, nullptr);
 }
 
 AERROR File::Replace(const File& source, bool lock) {
@@ -150,22 +164,22 @@ void File::ForgetChildren() {
     std::vector<std::shared_ptr<File>> keptFolders;
     bool keptStored = false;
     {
-        std::lock_guard<std::recursive_mutex> lock(childLock_);
+        std::lock_guard<std::recursive_mutex> lock(children_.lock);
         std::vector<std::shared_ptr<File>> kept;
-        for (auto& [folded, child] : children_) {
+        for (auto& [folded, child] : children_.map) {
             // Items never stored remotely (the marker files among them) are
             // not in the next listing, and items with changes not yet
             // uploaded must not be lost: they stay.
             const bool keep = child->Key().empty() || child->HoldsLocalChanges();
             (keep ? kept : dropped).push_back(child);
         }
-        children_.clear();
+        children_.map.clear();
         for (auto& child : kept) {
-            children_[FoldName(child->Name())] = child;
+            children_.map[FoldName(child->Name())] = child;
             if (!child->Key().empty()) keptStored = true;
             if (child->IsFolder()) keptFolders.push_back(child);
         }
-        childCount_ = children_.size();
+        children_.count = children_.map.size();
     }
     ForgetListing();
     for (auto& node : dropped)
@@ -180,13 +194,13 @@ void File::ForgetChildren() {
 }
 
 void File::ForgetListing() {
-    std::lock_guard<std::recursive_mutex> lock(childLock_);
+    std::lock_guard<std::recursive_mutex> lock(children_.lock);
     uint32_t listed = FILE_STATE_LISTED;
     fileState_.compare_exchange_strong(listed, FILE_STATE_NEW);
     // The next lookup lists the folder again, synchronously, before it
     // answers, even when the protocol reports changes itself.
-    listed_ = false;
-    for (auto& [folded, child] : children_) {
+    listing_.SetRequested(false);
+    for (auto& [folded, child] : children_.map) {
         if (child->IsFolder()) child->ForgetListing();
     }
 }
@@ -194,12 +208,11 @@ void File::ForgetListing() {
 bool File::HoldsLocalChanges() {
     if (IsModified() || handles_.HasAnyOpened()) return true;
     {
-        std::lock_guard<std::mutex> lock(jobLock_);
-        if (!jobs_.empty() || runningJob_) return true;
+        if (content_.HasJobs()) return true;
     }
     if (!IsFolder()) return false;
-    std::lock_guard<std::recursive_mutex> lock(childLock_);
-    for (auto& [folded, child] : children_) {
+    std::lock_guard<std::recursive_mutex> lock(children_.lock);
+    for (auto& [folded, child] : children_.map) {
         if (child->HoldsLocalChanges()) return true;
     }
     return false;
@@ -217,7 +230,7 @@ AERROR File::RenameInPlace(const std::string& newName, bool rekey, void** cookie
     record.name = newName;
     if (protocol_ && !key.empty()) {
         record.key = key;
-        const std::string parentKey = parent_ != nullptr ? Parent()->Key() : std::string();
+        const std::string parentKey = Parent() != nullptr ? Parent()->Key() : std::string();
         const AERROR result =
             protocol_->RenameItem(key.c_str(), parentKey.c_str(), &record, cookie);
         if (result != SUCCESS) {
@@ -227,15 +240,15 @@ AERROR File::RenameInPlace(const std::string& newName, bool rekey, void** cookie
         if (!IsAcceptableName(record.name)) record.name = newName;
     }
     const std::string oldName = Name();
-    if (rekey && parent_ != nullptr) {
+    if (rekey && Parent() != nullptr) {
         std::lock_guard<std::recursive_mutex> lock(*Parent()->GetChildLock());
-        auto self = Parent()->children_.find(FoldName(oldName));
-        if (self != Parent()->children_.end() && self->second.get() == this) {
+        auto self = Parent()->children_.map.find(FoldName(oldName));
+        if (self != Parent()->children_.map.end() && self->second.get() == this) {
             auto node = self->second;
-            Parent()->children_.erase(self);
+            Parent()->children_.map.erase(self);
             Update(&record, true, false);
-            Parent()->children_[FoldName(newName)] = node;
-            Parent()->childCount_ = Parent()->children_.size();
+            Parent()->children_.map[FoldName(newName)] = node;
+            Parent()->children_.count = Parent()->children_.map.size();
         } else {
             Update(&record, true, false);
         }
@@ -255,6 +268,9 @@ AERROR File::RenameFile(std::shared_ptr<File>, const char* newName, bool notify)
         // Uploads queued or running are kept and not waited for: they store
         // the data under the new name.
         std::lock_guard<std::mutex> place(placeLock_);
+        // A folder's new key changes every key below it.
+        std::unique_ptr<SharedHold> gate;
+        if (IsFolder()) gate = std::make_unique<SharedHold>(PlaceGate(), true);
         result = RenameInPlace(newName, true, &cookie);
     }
     if (result == SUCCESS && notify) {
@@ -298,7 +314,7 @@ AERROR File::RenameFile(std::shared_ptr<File> source, const std::string& newName
 
 AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParent,
                       std::string newName) {
-    if (!newParent || parent_ == nullptr) return FAILED;
+    if (!newParent || Parent() == nullptr) return FAILED;
     const std::string finalName = newName.empty() ? Name() : newName;
     if (!IsAcceptableName(finalName)) return INVALID_NAME;
     // Like rename(2), a move replaces an item of the same name.
@@ -310,6 +326,9 @@ AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParen
     // Uploads queued or running are kept and not waited for: they store the
     // data in the new place.
     std::lock_guard<std::mutex> place(placeLock_);
+    // A file moves and renames in several calls, a folder changes the keys
+    // below it: see PlaceGate.
+    SharedHold gate(PlaceGate(), IsFolder());
     const std::string oldName = Name();
     _FS_FILE_V2 record(*Info());
     AERROR result = MoveRemote(newParent, finalName != oldName, record);

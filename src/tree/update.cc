@@ -14,7 +14,6 @@
 // after a rename or move) leaves the cached data alone.
 void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
     if (record == nullptr) return;
-    updatedAt_ = Clock::now();
     bool contentChanged;
     bool rekeyed = false;
     std::shared_ptr<ICacheObj> cacheObject;
@@ -24,9 +23,9 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
         std::lock_guard<std::mutex> lock(dataMutex_);
         auto current = Info();
         _FS_FILE_V2 copy(*record);
-        copy.createTime = adjustTime_(copy.createTime.c_str());
-        copy.accessTime = adjustTime_(copy.accessTime.c_str());
-        copy.modifyTime = adjustTime_(copy.modifyTime.c_str());
+        copy.createTime = serverTime_.fromServer(copy.createTime.c_str());
+        copy.accessTime = serverTime_.fromServer(copy.accessTime.c_str());
+        copy.modifyTime = serverTime_.fromServer(copy.modifyTime.c_str());
         if (!IsAcceptableName(copy.name)) copy.name = current->name;
         // The protocol's opaque text (a version tag, for example) changes
         // with the content too, even when size and time stay.
@@ -43,15 +42,15 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
             next->modifyTime = current->modifyTime;
             next->extra = current->extra;
         } else {
-            fetchableSize_ = next->size;
+            content_.SetFetchableSize(next->size);
         }
         if (!copy.key.empty()) {
             rekeyed = copy.key != remoteKey_;
             remoteKey_ = copy.key;
         }
         PublishInfo(next);
-        cacheObject = cacheObject_;
-        oldKey = cacheKey_;
+        cacheObject = content_.CacheObject();
+        oldKey = content_.CacheKey();
         extra = next->extra;
     }
     // Change reports name the item by its new key from now on.
@@ -61,15 +60,15 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
             cacheObject->DropClean();
             cacheObject->Reopen('r', Info()->size, this);
         } else {
-            cacheStale_ = true;
+            content_.MarkStale();
         }
     }
     if (!oldKey.empty()) {
         const std::wstring newPath = BuildPathForCache('\\');
         if (CacheKey(newPath) != oldKey) {
             Rehash(oldKey, newPath, extra.c_str());
-            std::lock_guard<std::mutex> lock(dataMutex_);
-            cacheKey_ = CacheKey(newPath);
+            content_.Rekey(CacheKey(newPath));
+            NoteOrigin(nullptr);
         }
     }
 }

@@ -3,12 +3,12 @@
 #include <cstring>
 #include <thread>
 
-#include "api/log.h"
 #include "data/cache_service.h"
-#include "export/export_service.h"
-#include "fs/filesystem_interfaces.h"
 #include "libfilesystem/entry_points.h"
+#include "services/export_interface.h"
+#include "services/log.h"
 #include "tree/file.h"
+#include "tree/filesystem_view.h"
 
 namespace {
 
@@ -47,45 +47,33 @@ bool ReportsTo(const std::shared_ptr<IFSEvent>& sink) {
 
 }  // namespace
 
-std::shared_ptr<ICacheObj> File::CacheObject() {
-    std::lock_guard<std::mutex> lock(dataMutex_);
-    return cacheObject_;
-}
-
-long long File::FetchableSize() const {
-    std::lock_guard<std::mutex> lock(dataMutex_);
-    return fetchableSize_;
-}
-
-void File::SetStreamingPipe(std::shared_ptr<ICacheIO> pipe) {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    streamingPipe_ = std::move(pipe);
-}
-
-std::shared_ptr<ICacheIO> File::StreamingPipe() {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    return streamingPipe_;
-}
-
 void File::OpenCache(char mode) {
     if (IsFolder()) return;
-    std::shared_ptr<ICacheObj> opened;
-    {
-        std::lock_guard<std::mutex> lock(dataMutex_);
-        if (cacheObject_) return;
-        const std::wstring path = BuildPathForCache('\\');
-        cacheObject_ = GetCacheObj(path, mode, Info()->size, this);
-        if (!cacheObject_) return;
-        cacheKey_ = CacheKey(path);
-        if (cacheStale_.exchange(false)) opened = cacheObject_;
-    }
+    if (content_.CacheObject()) return;
+    const std::shared_ptr<ICacheObj> opened =
+        content_.OpenCache(BuildPathForCache('\\'), mode, Info()->size, this);
     // Clean data the cache held from before is of an unknown version.
     if (opened) opened->DropClean();
+}
+
+void File::NoteOrigin(const _FS_FILE_V2* base) {
+    const std::string key = content_.CacheKey();
+    if (key.empty()) return;
+    // The content of a deleted file never goes anywhere.
+    const std::string path = IsRemoved() ? "" : "/" + BuildPathA('/');
+    NoteCacheOrigin(key, path.c_str(), protocol_.get(), base);
 }
 
 std::shared_ptr<ICacheObj> File::OpenedCache() {
     OpenCache('r');
     return CacheObject();
+}
+
+AERROR File::SyncCache() {
+    // A node with written data keeps its cache object while it is open or
+    // has an upload to run; without one there is nothing to make durable.
+    const std::shared_ptr<ICacheObj> cacheObject = CacheObject();
+    return cacheObject ? cacheObject->Sync() : SUCCESS;
 }
 
 void File::ReopenCache(char mode) {
@@ -98,14 +86,8 @@ void File::ReopenCache(char mode) {
 }
 
 void File::CloseCache() {
-    std::string key;
-    {
-        std::lock_guard<std::mutex> lock(dataMutex_);
-        if (!cacheObject_) return;
-        cacheObject_.reset();
-        key = cacheKey_;
-    }
-    CloseCacheObj(key);
+    const std::string key = content_.CloseCache();
+    if (!key.empty()) CloseCacheObj(key);
 }
 
 AERROR File::Open(char mode, unsigned long flags, unsigned long, const std::string& processName,
@@ -129,18 +111,17 @@ AERROR File::Open(char mode, unsigned long flags, unsigned long, const std::stri
         Update(&record, false, false);
     }
 
-    if (!handles_.ExistWriteHandle()) uploadState_ = 1;
+    // A file at rest opened for writing starts a local change, based on the
+    // remote record it has now.
+    const bool changeStarts = mode == 'w' && !handles_.ExistWriteHandle() && !IsModified();
+    if (!handles_.ExistWriteHandle()) content_.SetUploadState(UploadState::Opened);
     auto self = shared_from_this();
     if (mode == 'w') {
+        // A second writer: the stream no longer has the file to itself.
+        if (handles_.ExistWriteHandle()) AbandonStream();
         handle = handles_.OpenHandleWrite(self);
-        const bool noModifyMark =
-            fileSystem_ != nullptr &&
-            (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_NO_MODIFY_MARK) != 0;
-        bool fromUploadSource;
-        {
-            std::lock_guard<std::mutex> lock(dataMutex_);
-            fromUploadSource = !uploadSource_.empty();
-        }
+        const bool noModifyMark = HasFeature(FEATURE_NO_MODIFY_MARK);
+        const bool fromUploadSource = content_.FromUploadSource();
         // Opening for write marks the file for upload, even if nothing is
         // written, except for the file manager, which opens files for write
         // just to look at them.
@@ -158,6 +139,7 @@ AERROR File::Open(char mode, unsigned long flags, unsigned long, const std::stri
         handle->originText = extra;
     }
     if (!IsFolder() && !CacheObject()) OpenCache(IsOfflineOnly() ? 'w' : 'r');
+    if (changeStarts && !IsFolder()) NoteOrigin(Info().get());
     return SUCCESS;
 }
 
@@ -166,12 +148,6 @@ AERROR File::ReadFile(_FS_HANDLE_EXT* handle, void* buffer, unsigned long size, 
     if (read != nullptr) *read = 0;
     auto record = handle != nullptr ? handles_.GetHandle(handle) : nullptr;
     if (!record) return INVALID_HANDLE;
-    const bool asyncUpload =
-        fileSystem_ == nullptr ||
-        (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_ASYNC_UPLOAD) != 0;
-    // Only a streaming upload takes the content away while it runs; an
-    // ordinary upload reads the cache and leaves it readable.
-    if (!asyncUpload && IsUploading() && StreamingPipe()) return FILE_READ_FAILED;
     if (!protocol_) return FILE_READ_FAILED;
 
     auto info = Info();
@@ -251,21 +227,15 @@ AERROR File::WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long
                  "WriteFile");
         return INVALID_HANDLE;
     }
-    auto fail = [&](AERROR code) {
-        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] %s : %s", "WriteFile", GetAERRORA(code));
-        return code;
-    };
     // New data makes a queued upload stale.
     CancelAsyncJobs();
-
-    const uint32_t features =
-        fileSystem_ != nullptr ? static_cast<uint32_t>(fileSystem_->GetFeature()) : 0;
-    if ((features & FEATURE_ASYNC_UPLOAD) != 0) {
-        while (uploadState_.load() == 3 && !StreamingPipe() && !record->IsClosing()) {
+    if (HasFeature(FEATURE_ASYNC_UPLOAD)) {
+        while (content_.GetUploadState() == UploadState::Uploading && !StreamingPipe() &&
+               !record->IsClosing()) {
             std::this_thread::sleep_for(kPoll);
         }
     }
-    if (!protocol_) return fail(FILE_WRITE_FAILED);
+    if (!protocol_) return WriteFailed(FILE_WRITE_FAILED);
 
     _WRITEDATA request;
     request.buffer = buffer;
@@ -273,49 +243,60 @@ AERROR File::WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long
     request.size = size;
     request.handle = record;
     request.timeout = GetConfig().writetimeout;
-    std::shared_ptr<ICacheIO> pipe = StreamingPipe();
-    {
-        std::lock_guard<std::mutex> lock(dataMutex_);
-        auto current = Info();
-        auto next = std::make_shared<_FS_FILE_EXT>(*current);
-        next->attributes &= ~FILE_ATTRIBUTE_MODIFIED;
-        if (offset + static_cast<long long>(size) > next->size) {
-            next->size = offset + static_cast<long long>(size);
-        }
-        request.fileSize = next->size;
-        if (!pipe && !next->key.empty() && (next->attributes & FILE_ATTRIBUTE_NO_DELETE) == 0) {
-            request.fetch = this;
-        }
-        if (next->size != current->size || next->attributes != current->attributes) {
-            PublishInfo(next);
-        }
-    }
+    const std::shared_ptr<ICacheIO> pipe = StreamingPipe();
+    const long long priorSize = GrowForWrite(request, pipe != nullptr);
 
     if (IsOfflineOnly()) {
         // Kept locally only: never streamed.
         auto cacheObject = CacheObject();
-        if (!cacheObject) return fail(FILE_WRITE_FAILED);
-        return WriteToCache(cacheObject, request, written);
+        if (!cacheObject) return WriteFailed(FILE_WRITE_FAILED);
+        return WriteToCache(cacheObject, request, priorSize, written);
     }
-
     auto filter = fileSystem_ != nullptr ? fileSystem_->GetFSFilter() : nullptr;
-    if (filter && filter->IsRealtimeUploadProcess(record->process.c_str())) {
-        std::lock_guard<std::mutex> lock(stateMutex_);
-        // A second stream may not restart a running one.
-        if (offset == 0 && uploadState_.load() == 3) return fail(FAILED);
-    }
+    const bool realtime = filter && filter->IsRealtimeUploadProcess(record->process.c_str());
+    MarkWritten(pipe != nullptr);
+    // Every write goes to the cache, a streamed one as well.
+    const AERROR result = WriteToOpenedCache(request, priorSize, written);
+    if (result == SUCCESS) FeedStream(record, request, priorSize, realtime, exportService);
+    return result;
+}
 
-    // A write to a file at rest, or whose last upload has ended, goes to the
-    // cache; only a running streaming upload takes writes through its pipe.
-    uint32_t state = uploadState_.load();
-    if (!pipe && (state == 1 || state == 5 || state == 6)) {
-        uploadState_ = 2;
-        state = 2;
-    }
-    if (state != 2) {
-        return WriteStreaming(record, request, written, exportService);
-    }
+AERROR File::WriteFailed(AERROR code) {
+    __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] %s : %s", "WriteFile", GetAERRORA(code));
+    return code;
+}
 
+long long File::GrowForWrite(_WRITEDATA& request, bool streaming) {
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    auto current = Info();
+    auto next = std::make_shared<_FS_FILE_EXT>(*current);
+    next->attributes &= ~FILE_ATTRIBUTE_MODIFIED;
+    const long long end = request.offset + static_cast<long long>(request.size);
+    if (end > next->size) next->size = end;
+    request.fileSize = next->size;
+    if (!streaming && !next->key.empty() && (next->attributes & FILE_ATTRIBUTE_NO_DELETE) == 0) {
+        request.fetch = this;
+    }
+    if (next->size != current->size || next->attributes != current->attributes) {
+        PublishInfo(next);
+    }
+    return current->size;
+}
+
+void File::MarkWritten(bool hasPipe) {
+    // A write to a file at rest, or whose last upload has ended, marks data
+    // pending in the cache. A write while an ordinary upload reads the cache
+    // (a writer that opened the file as the last one closed it) goes to the
+    // cache too: the upload sees the change by its generation, and the next
+    // close uploads again.
+    const UploadState state = content_.GetUploadState();
+    if (!hasPipe && (state == UploadState::Opened || state == UploadState::Uploaded ||
+                     state == UploadState::UploadFailed)) {
+        content_.SetUploadState(UploadState::Written);
+    }
+}
+
+AERROR File::WriteToOpenedCache(_WRITEDATA& request, long long priorSize, unsigned long* written) {
     auto cacheObject = CacheObject();
     if (!cacheObject) {
         ReopenCache('w');
@@ -327,80 +308,41 @@ AERROR File::WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long
                      GetAERRORA(FILE_WRITE_FAILED));
             return FILE_WRITE_FAILED;
         }
-        return fail(FILE_WRITE_FAILED);
+        return WriteFailed(FILE_WRITE_FAILED);
     }
-    return WriteToCache(cacheObject, request, written);
+    return WriteToCache(cacheObject, request, priorSize, written);
 }
 
 AERROR File::WriteToCache(const std::shared_ptr<ICacheObj>& cacheObject, _WRITEDATA& request,
-                          unsigned long* written) {
-    std::shared_lock<std::shared_mutex> content(contentLock_);
+                          long long priorSize, unsigned long* written) {
+    std::shared_lock<std::shared_mutex> content(content_.Lock());
     UpdateLastWrite();
     // No reopen at the new size: the cache takes a larger size for remote
     // content to fetch, while a write past the end is local and extends the
     // file with zeros itself.
     const AERROR result = cacheObject->Write(&request);
-    if (result != SUCCESS) return result;
-    if (written != nullptr) *written = static_cast<unsigned long>(request.written);
-    SetModified();
-    return SUCCESS;
-}
-
-AERROR File::WriteStreaming(const std::shared_ptr<_FS_HANDLE_EXT>& record, _WRITEDATA& request,
-                            unsigned long* written, IExportService* exportService) {
-    auto fail = [&](AERROR code) {
-        __LOG__A(CurrentLogger(), LL_ERROR, "[FILESYSTEM] %s : %s", "WriteFile", GetAERRORA(code));
-        return code;
-    };
-    const auto config = GetConfig();
-    auto lastReset = Clock::now();
-    auto keepAlive = [&] {
-        const auto now = Clock::now();
-        if (std::chrono::duration_cast<milliseconds>(now - lastReset).count() >
-            config.timeout_reset) {
-            if (exportService != nullptr) exportService->ResetTimeout(config.fstimeout);
-            lastReset = now;
+    if (result != SUCCESS) {
+        // A write the cache refused (a full disk) leaves the file as it was,
+        // as the cache does: the size goes back unless another write has
+        // changed it since.
+        std::lock_guard<std::mutex> lock(dataMutex_);
+        auto current = Info();
+        if (request.fileSize > priorSize && current->size == request.fileSize) {
+            auto next = std::make_shared<_FS_FILE_EXT>(*current);
+            next->size = priorSize;
+            PublishInfo(next);
         }
-    };
-    const uint64_t offset = static_cast<uint64_t>(request.offset);
-    const uint64_t end = offset + request.size;
-    // Writes reach the pipe strictly in order: wait for this one's turn.
-    while (record->writeOffset.load() != offset && !record->IsClosing() &&
-           uploadState_.load() == 3) {
-        std::this_thread::sleep_for(kPoll);
-        keepAlive();
+        return result;
     }
-    if (uploadState_.load() == 6) return fail(FILE_WRITE_FAILED);
-    if (record->IsClosing()) return INVALID_HANDLE;
-    auto pipe = StreamingPipe();
-    if (!pipe) return fail(FILE_WRITE_FAILED);
-
-    if (static_cast<long long>(end) == Info()->size) uploadState_ = 4;
-    const AERROR result = pipe->Write(&request);
-    if (result != SUCCESS) return fail(result);
-    record->writeOffset = end;
-    SetModified();
-
-    // Wait until the upload has consumed this write, so that a write that
-    // returns is on its way.
-    for (;;) {
-        const uint32_t state = uploadState_.load();
-        if (record->IsClosing() || (state != 3 && state != 4)) break;
-        if (state != 4 && record->consumed.load() >= end) break;
-        std::this_thread::sleep_for(kPoll);
-        keepAlive();
-    }
-    const uint32_t state = uploadState_.load();
-    if (state == 6) return fail(FILE_WRITE_FAILED);
-    if (state == 5) ReopenCache('r');
-    if (record->IsClosing()) return INVALID_HANDLE;
     if (written != nullptr) *written = static_cast<unsigned long>(request.written);
+    SetModified();
     return SUCCESS;
 }
 
 AERROR File::SetEndOfFile(_FS_HANDLE_EXT* handle, long long size) {
     if (handle == nullptr || handle->mode != HANDLE_MODE_WRITE) return ACCESS_DENIED;
-    std::shared_lock<std::shared_mutex> content(contentLock_);
+    AbandonStream();
+    std::shared_lock<std::shared_mutex> content(content_.Lock());
     UpdateLastWrite();
     if (auto cacheObject = CacheObject()) {
         // A cache that refuses the size leaves the file as it was.
@@ -417,8 +359,9 @@ AERROR File::SetAllocationSize(_FS_HANDLE_EXT* handle, long long size) {
 }
 
 AERROR File::ftruncate(const std::string&, long long size) {
+    AbandonStream();
     // Alone, so that the size it reopens the cache at is the cache's own.
-    std::unique_lock<std::shared_mutex> content(contentLock_);
+    std::unique_lock<std::shared_mutex> content(content_.Lock());
     UpdateLastWrite();
     if (auto cacheObject = CacheObject()) {
         // Opened for writing at the size it has, so that the new size is a
@@ -440,12 +383,9 @@ void File::Resize(long long size, bool forgetRemoteContent) {
         next->size = size;
         // A file made longer reads zeros past its old end: only what is
         // below both ends may come from the remote.
-        fetchableSize_ = std::min(fetchableSize_, static_cast<int64_t>(size));
+        content_.LimitFetchableSize(size);
         if (forgetRemoteContent) next->key.clear();
         PublishInfo(next);
     }
-    const bool noModifyMark =
-        fileSystem_ != nullptr &&
-        (static_cast<uint32_t>(fileSystem_->GetFeature()) & FEATURE_NO_MODIFY_MARK) != 0;
-    if (!noModifyMark) SetModified();
+    if (!HasFeature(FEATURE_NO_MODIFY_MARK)) SetModified();
 }

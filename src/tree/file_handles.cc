@@ -1,8 +1,8 @@
-#include "fs/file_handles.h"
+#include "tree/file_handles.h"
 
 #include <vector>
 
-#include "api/log.h"
+#include "services/log.h"
 #include "tree/file.h"
 
 namespace {
@@ -42,22 +42,26 @@ _FS_HANDLE_EXT* FileHandles::NewHandle() {
     return new _FS_HANDLE_EXT();
 }
 
+void FileHandles::CopyOwner(_FS_HANDLE_EXT& to, const _FS_HANDLE_EXT& from) {
+    to.context = from.context;
+    to.id = from.id;
+    to.file = from.file;
+    to.process = from.process;
+    to.path = from.path;
+    to.flags = from.flags;
+}
+
 std::shared_ptr<_FS_HANDLE_EXT> FileHandles::DupHandle(std::shared_ptr<_FS_HANDLE_EXT> source) {
     if (!source) return nullptr;
     std::lock_guard<std::mutex> lock(lock_);
     auto copy = std::shared_ptr<_FS_HANDLE_EXT>(NewHandle());
     copy->mode = source->mode;
-    copy->context = source->context;
+    CopyOwner(*copy, *source);
     copy->writeOffset = source->writeOffset.load();
     copy->consumed = source->consumed.load();
-    copy->id = source->id;
     copy->fetchMark = source->fetchMark.load();
-    copy->file = source->file;
     copy->originKind = source->originKind;
     copy->originText = source->originText;
-    copy->process = source->process;
-    copy->path = source->path;
-    copy->flags = source->flags;
     copy->state = HANDLE_STATE_OPEN;
     copy->reservedPosition = -1;
     copy->lastPosition = -1;

@@ -1,9 +1,9 @@
-#include "api/async_queue.h"
+#include "services/async_queue.h"
 
 #include <mutex>
 
-#include "api/log.h"
 #include "libfilesystem/entry_points.h"
+#include "services/log.h"
 
 void QueueAsync(IAsyncObj* job, void* context) {
     if (job == nullptr) return;

@@ -1,6 +1,6 @@
 // Open files: the library's handle record and each node's table of them.
-#ifndef LIBFS_FS_FILE_HANDLES_H_
-#define LIBFS_FS_FILE_HANDLES_H_
+#ifndef LIBFS_TREE_FILE_HANDLES_H_
+#define LIBFS_TREE_FILE_HANDLES_H_
 
 #include <atomic>
 #include <cstdint>
@@ -33,6 +33,9 @@ class FileHandles {
     std::shared_ptr<_FS_HANDLE_EXT> OpenHandleWrite(std::shared_ptr<File> file);
     // A fresh record owned by the caller, not entered in the table.
     static _FS_HANDLE_EXT* NewHandle();
+    // Copies what names the open a record belongs to: its context, number,
+    // node, process, path and flags.
+    static void CopyOwner(_FS_HANDLE_EXT& to, const _FS_HANDLE_EXT& from);
     // A copy of `source` that is open again. The table stores it under the
     // copy's address but with `source` as the value, so closing the copy's
     // key closes (and uncounts) the source record.
@@ -55,4 +58,4 @@ class FileHandles {
     std::atomic<uint64_t> writeCount_{0};
 };
 
-#endif  // LIBFS_FS_FILE_HANDLES_H_
+#endif  // LIBFS_TREE_FILE_HANDLES_H_

@@ -1,6 +1,6 @@
 // The library's one road to the host's logger.
-#ifndef LIBFS_API_LOG_H_
-#define LIBFS_API_LOG_H_
+#ifndef LIBFS_SERVICES_LOG_H_
+#define LIBFS_SERVICES_LOG_H_
 
 #include "libfilesystem/log.h"
 
@@ -13,4 +13,8 @@ void __LOG__A(ILog* log, LOGLEVEL level, const char* format, ...)
 // Reads the bound main logger under its lock.
 ILog* CurrentLogger();
 
-#endif  // LIBFS_API_LOG_H_
+// Logs the exception being handled, at the highest level, as thrown by
+// `operation`. Call it only inside a catch block.
+void LogCaughtException(const char* operation);
+
+#endif  // LIBFS_SERVICES_LOG_H_

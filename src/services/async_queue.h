@@ -1,6 +1,6 @@
 // The library's one road to the host's job queue.
-#ifndef LIBFS_API_ASYNC_QUEUE_H_
-#define LIBFS_API_ASYNC_QUEUE_H_
+#ifndef LIBFS_SERVICES_ASYNC_QUEUE_H_
+#define LIBFS_SERVICES_ASYNC_QUEUE_H_
 
 #include "libfilesystem/async.h"
 
@@ -15,4 +15,4 @@ inline void* const kInlineContext = reinterpret_cast<void*>(1);
 // job is never lost.
 void QueueAsync(IAsyncObj* job, void* context);
 
-#endif  // LIBFS_API_ASYNC_QUEUE_H_
+#endif  // LIBFS_SERVICES_ASYNC_QUEUE_H_

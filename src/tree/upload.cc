@@ -8,14 +8,16 @@
 #include <thread>
 #include <vector>
 
-#include "api/log.h"
 #include "data/async_job.h"
 #include "data/cache_io.h"
 #include "data/upload_place.h"
+#include "foundation/shared_hold.h"
 #include "foundation/time_utils.h"
-#include "fs/filesystem_interfaces.h"
 #include "libfilesystem/entry_points.h"
+#include "libfilesystem/unique_fd.h"
+#include "services/log.h"
 #include "tree/file.h"
+#include "tree/filesystem_view.h"
 
 namespace {
 
@@ -62,21 +64,15 @@ class CancellableSource : public ICacheIO {
 }  // namespace
 
 File& File::operator<<(std::shared_ptr<_ASYNCJOB> job) {
-    std::lock_guard<std::mutex> lock(jobLock_);
-    jobs_.push_back(std::move(job));
+    content_.Queue(std::move(job));
     return *this;
 }
 
 void File::ProcessJobs() {
     for (;;) {
-        std::shared_ptr<_ASYNCJOB> job;
-        {
-            std::lock_guard<std::mutex> lock(jobLock_);
-            // Another worker may be running this node's jobs already.
-            if (jobs_.empty() || runningJob_) return;
-            job = jobs_.front();
-            runningJob_ = job;
-        }
+        // Another worker may be running this node's jobs already.
+        const std::shared_ptr<_ASYNCJOB> job = content_.StartNext();
+        if (!job) return;
         if (job->kind == ASYNCJOB_SAVE) {
             const AERROR result = SaveCacheToFile(job->target);
             if (auto sink = GetFSEvent()) {
@@ -89,52 +85,31 @@ void File::ProcessJobs() {
             while ((result = AsyncJobUpload(result, job, nullptr)) == RETRY_UPLOAD) {
             }
         }
-        bool idle;
-        {
-            std::lock_guard<std::mutex> lock(jobLock_);
-            if (!jobs_.empty() && jobs_.front() == job) jobs_.pop_front();
-            if (job->handle) job->handle->state = HANDLE_STATE_CLOSED;
-            runningJob_.reset();
-            idle = jobs_.empty();
-            jobsDone_.notify_all();
-        }
+        if (job->handle) job->handle->state = HANDLE_STATE_CLOSED;
+        const bool idle = !content_.Finish(job);
         // The cache object is kept only while the node is in use.
         if (idle && !handles_.HasAnyOpened()) CloseCache();
     }
 }
 
 void File::CancelAsyncJobs() {
-    std::lock_guard<std::mutex> lock(jobLock_);
-    const size_t keep = runningJob_ ? 1 : 0;
-    bool dropped = false;
-    while (jobs_.size() > keep) {
-        auto job = jobs_.back();
-        jobs_.pop_back();
-        job->canceled = true;
-        if (job->handle) job->handle->state = HANDLE_STATE_CLOSED;
-        dropped = true;
-    }
     // A queued upload that never started leaves the data pending in the cache.
-    if (dropped && jobs_.empty() && uploadState_.load() == 3) uploadState_ = 2;
+    for (const auto& job : content_.DropQueued()) {
+        if (job->handle) job->handle->state = HANDLE_STATE_CLOSED;
+    }
 }
 
 void File::WaitAsyncJobs() {
-    std::unique_lock<std::mutex> lock(jobLock_);
-    jobsDone_.wait(lock, [this] { return !runningJob_; });
+    content_.WaitIdle();
 }
 
 int File::CountUploadings() {
-    std::lock_guard<std::mutex> lock(jobLock_);
-    int count = 0;
-    for (const auto& job : jobs_)
-        count += job->kind == ASYNCJOB_UPLOAD ? 1 : 0;
-    return count;
+    return content_.CountUploads();
 }
 
 void File::CancelUploadings() {
     CancelAsyncJobs();
-    std::lock_guard<std::mutex> lock(jobLock_);
-    if (runningJob_) runningJob_->canceled = true;
+    content_.CancelRunning();
 }
 
 AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportService* exportService) {
@@ -151,11 +126,11 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
     if (!cacheObject) {
         __LOG__A(CurrentLogger(), LL_ERROR, "[ASYNCJOB  ] Cache not found. Upload %s has failed.",
                  name.c_str());
-        uploadState_ = 6;
+        content_.SetUploadState(UploadState::UploadFailed);
         return FAILED;
     }
     __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Upload - %s", name.c_str());
-    uploadState_ = 3;
+    content_.SetUploadState(UploadState::Uploading);
     uint64_t generation;
     UploadPlace place;
     _FS_FILE_V2 record = PrepareUpload(cacheObject, *job, place, generation);
@@ -170,7 +145,7 @@ AERROR File::AsyncJobUpload(AERROR, std::shared_ptr<_ASYNCJOB> job, IExportServi
     if (result != SUCCESS) {
         __LOG__A(CurrentLogger(), LL_ERROR, "[ASYNCJOB  ] Upload failed. Protocol returns %s",
                  GetAERRORA(result));
-        uploadState_ = 6;
+        content_.SetUploadState(UploadState::UploadFailed);
         if (result != UPLOAD_CANCELED) result = AskAboutFailure(result, job);
     }
     if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
@@ -187,11 +162,11 @@ _FS_FILE_V2 File::PrepareUpload(const std::shared_ptr<ICacheObj>& cacheObject, c
         // Taken while no writer is in the middle of a change, so that what
         // the upload reads is at least as new as this generation, and the
         // size is the cache's own.
-        std::unique_lock<std::shared_mutex> content(contentLock_);
-        generation = writeGeneration_.load();
+        std::unique_lock<std::shared_mutex> content(content_.Lock());
+        generation = content_.WriteGeneration();
         std::lock_guard<std::mutex> lock(placeLock_);
         place.protocol = protocol_.get();
-        place.parentKey = parent_ != nullptr ? Parent()->Key() : std::string();
+        place.parentKey = Parent() != nullptr ? Parent()->Key() : std::string();
         place.name = Name();
         record = *Info();
         remoteKey = RemoteKey();
@@ -230,15 +205,7 @@ AERROR File::CommitUpload(_FS_FILE_V2& record, const UploadPlace& place, uint64_
                           const std::shared_ptr<ICacheObj>& cacheObject) {
     __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Transfer success.");
     const auto local = Info();
-    if ((protocol_->GetCapabilities() & PROTOCOL_CAP_SET_TIME) != 0 && !record.key.empty()) {
-        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time.");
-        void* timeCookie = nullptr;
-        const long modifyTime = RFC3339ToTM(local->modifyTime.c_str());
-        if (protocol_->SetItemTime(record.key.c_str(), 0, 0, modifyTime, &timeCookie) == SUCCESS) {
-            __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time success.");
-        }
-        if (timeCookie != nullptr) protocol_->ReleaseCookie(timeCookie);
-    }
+    const bool timeSet = MarkStoredItem(record.key, *local);
     {
         std::lock_guard<std::mutex> lock(placeLock_);
         const AERROR followed = FollowPlace(record, place);
@@ -251,27 +218,59 @@ AERROR File::CommitUpload(_FS_FILE_V2& record, const UploadPlace& place, uint64_
         next->knownSize = record.size;
         // What changed since the upload started is local: only what was sent
         // may be fetched.
-        fetchableSize_ = std::min<int64_t>(next->size, record.size);
+        content_.SetFetchableSize(std::min<int64_t>(next->size, record.size));
         PublishInfo(next);
     }
     __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Close and flush writable cache.");
     // What was sent is stored remotely, unless the file changed while it was
     // sent: then it stays marked, and its next close uploads again.
     {
-        std::unique_lock<std::shared_mutex> content(contentLock_);
-        if (writeGeneration_.load() == generation) {
+        std::unique_lock<std::shared_mutex> content(content_.Lock());
+        if (content_.WriteGeneration() == generation) {
             cacheObject->Commit();
-            modified_ = 0;
+            content_.ClearModified();
         }
         cacheObject->Reopen('r', Info()->size, this);
     }
-    uploadState_ = 5;
+    content_.SetUploadState(UploadState::Uploaded);
     IndexForChanges(shared_from_this());
+    // What is left to send, if anything, builds on what was just stored.
+    _FS_FILE_V2 stored(record);
+    stored.name = Name();
+    if (timeSet) stored.modifyTime = local->modifyTime;
+    NoteOrigin(&stored);
     return SUCCESS;
 }
 
+bool File::MarkStoredItem(const std::string& key, const _FS_FILE_EXT& local) {
+    if (key.empty()) return false;
+    bool timeSet = false;
+    if ((protocol_->GetCapabilities() & PROTOCOL_CAP_SET_TIME) != 0) {
+        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time.");
+        void* cookie = nullptr;
+        const long modifyTime = ToServerTime(RFC3339ToTM(local.modifyTime.c_str()));
+        if (protocol_->SetItemTime(key.c_str(), 0, 0, modifyTime, &cookie) == SUCCESS) {
+            __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] Change file time success.");
+            timeSet = true;
+        }
+        if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
+    }
+    if ((local.attributes & FILE_ATTRIBUTE_ARCHIVED) != 0) {
+        __LOG__A(CurrentLogger(), LL_INFO, "[ASYNCJOB  ] File was archived, set archive bit now.");
+        // The data is stored either way: a protocol without archive marks
+        // (NOT_SUPPORTED), or one that fails here, does not fail the upload.
+        void* cookie = nullptr;
+        protocol_->SetArchive(key.c_str(), true, &cookie);
+        if (cookie != nullptr) protocol_->ReleaseCookie(cookie);
+    }
+    return timeSet;
+}
+
 AERROR File::FollowPlace(_FS_FILE_V2& record, const UploadPlace& place) {
-    const std::string parentKey = parent_ != nullptr ? Parent()->Key() : std::string();
+    // No folder above either place changes its key until the item is where
+    // the node is.
+    SharedHold gate(PlaceGate(), false);
+    const std::string parentKey = Parent() != nullptr ? Parent()->Key() : std::string();
     const std::string name = Name();
     if (parentKey == place.parentKey && name == place.name) return SUCCESS;
     const std::string current = RemoteKey();
@@ -360,20 +359,15 @@ AERROR File::UploadNow(std::shared_ptr<_FS_HANDLE_EXT> handle, IExportService* e
     job->kind = ASYNCJOB_UPLOAD;
     job->handle = handle;
     job->origin = origin ? std::move(origin) : handle;
-    {
-        // Runs as the node's job, so that a delete cancels it and waits.
-        std::unique_lock<std::mutex> lock(jobLock_);
-        jobsDone_.wait(lock, [this] { return !runningJob_; });
-        runningJob_ = job;
-    }
+    // Runs as the node's job, so that a delete cancels it and waits.
+    content_.RunExclusively(job);
     AERROR result = SUCCESS;
     while ((result = AsyncJobUpload(result, job, exportService)) == RETRY_UPLOAD) {
     }
-    {
-        std::lock_guard<std::mutex> lock(jobLock_);
-        runningJob_.reset();
-        jobsDone_.notify_all();
-    }
+    const bool queued = content_.Finish(job);
+    // A worker that came for a job queued meanwhile found this upload running
+    // and left it to the runner, which is this thread: hand it back.
+    if (queued && fileSystem_ != nullptr) fileSystem_->QueueFile(shared_from_this());
     return result;
 }
 
@@ -383,8 +377,8 @@ AERROR File::SaveCacheToFile(const std::string& path) {
     auto info = Info();
     if (!cacheObject && info->size > 0) return SAVE_FAILED;
     const std::string temporary = path + ".skarvo-part";
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return SAVE_FAILED;
+    UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd.Valid()) return SAVE_FAILED;
     auto handle = std::shared_ptr<_FS_HANDLE_EXT>(FileHandles::NewHandle());
     handle->context = GetContext();
     std::vector<char> buffer(1 << 20);
@@ -400,11 +394,13 @@ AERROR File::SaveCacheToFile(const std::string& path) {
         result = cacheObject->Read(&request);
         if (result == SUCCESS && request.read <= 0) result = SAVE_FAILED;
         if (result != SUCCESS) break;
-        if (::write(fd, buffer.data(), request.read) != request.read) result = SAVE_FAILED;
+        if (!WriteAll(fd.Get(), buffer.data(), static_cast<size_t>(request.read))) {
+            result = SAVE_FAILED;
+        }
         offset += request.read;
     }
-    if (result == SUCCESS && ::fsync(fd) != 0) result = SAVE_FAILED;
-    ::close(fd);
+    if (result == SUCCESS && ::fsync(fd.Get()) != 0) result = SAVE_FAILED;
+    fd.Reset();
     if (result == SUCCESS && ::rename(temporary.c_str(), path.c_str()) != 0) result = SAVE_FAILED;
     if (result != SUCCESS) {
         ::unlink(temporary.c_str());
@@ -422,7 +418,7 @@ AERROR File::UploadCacheRetry(std::shared_ptr<File> self) {
     job->kind = ASYNCJOB_UPLOAD;
     job->handle = JobHandle(nullptr);
     job->handle->context = GetContext();
-    uploadState_ = 3;
+    content_.SetUploadState(UploadState::Uploading);
     *this << job;
     if (fileSystem_ != nullptr) fileSystem_->QueueFile(self);
     return SUCCESS;
@@ -438,11 +434,11 @@ AERROR File::UploadCacheCancel(std::shared_ptr<File>) {
         auto next = std::make_shared<_FS_FILE_EXT>(*Info());
         next->size = next->knownSize;
         if (next->key.empty()) next->key = remoteKey_;
-        fetchableSize_ = next->size;
+        content_.SetFetchableSize(next->size);
         PublishInfo(next);
     }
     ReopenCache('r');
-    modified_ = 0;
-    uploadState_ = 1;
+    content_.ClearModified();
+    content_.SetUploadState(UploadState::Opened);
     return SUCCESS;
 }
