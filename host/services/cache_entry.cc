@@ -9,7 +9,7 @@
 #include <cstring>
 #include <utility>
 
-#include "services/atomic_file.h"
+#include "services/cache_index.h"
 
 namespace {
 
@@ -27,49 +27,63 @@ CacheEntry::~CacheEntry() {
     CloseDataLocked();
 }
 
-std::shared_ptr<CacheEntry> CacheEntry::Create(std::shared_ptr<CacheContext> context,
-                                               const Files& files, const std::string& key,
-                                               std::string* error) {
+Status CacheEntry::Create(std::shared_ptr<CacheContext> context, const Files& files,
+                          const std::string& key, std::shared_ptr<CacheEntry>* created) {
     std::shared_ptr<CacheEntry> entry(new CacheEntry(std::move(context), files));
     entry->key_ = key;
     entry->fd_ = open(files.data.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (entry->fd_ < 0) {
-        if (error != nullptr) *error = "cannot create " + files.data + ": " + strerror(errno);
-        return nullptr;
+        return Status::Error("cannot create " + files.data + ": " + strerror(errno));
     }
+    entry->context_->newNames = true;
     entry->dirty_ = true;
     entry->Touch();
-    return entry;
+    *created = std::move(entry);
+    return Status::Ok();
 }
 
-std::shared_ptr<CacheEntry> CacheEntry::Restore(std::shared_ptr<CacheContext> context,
-                                                const Files& files, const EntryRecord& record,
-                                                std::string* error) {
+Status CacheEntry::Restore(std::shared_ptr<CacheContext> context, const Files& files,
+                           const EntryRecord& record, std::shared_ptr<CacheEntry>* restored) {
     const auto fail = [&](const std::string& why) {
-        if (error != nullptr) *error = files.record + ": " + why;
-        return nullptr;
+        return Status::Error("the entry of " + record.key + ": " + why);
     };
-    if (record.blockSize != context->blockSize) return fail("saved with another block size");
-    if (record.size < 0 || record.fetchLimit < 0) return fail("damaged record");
+    if (record.size < 0 || record.fetchLimit < 0) return fail("damaged row");
     struct stat data {};
     if (stat(files.data.c_str(), &data) != 0) return fail("its data file is missing");
-    const uint64_t bytes =
-        std::max<uint64_t>(static_cast<uint64_t>(record.size), static_cast<uint64_t>(data.st_size));
+    const uint32_t blockSize = context->blockSize;
+    const uint64_t length = static_cast<uint64_t>(data.st_size);
+    const uint64_t bytes = std::max<uint64_t>(static_cast<uint64_t>(record.size), length);
     std::shared_ptr<CacheEntry> entry(new CacheEntry(std::move(context), files));
-    if (!BlockMap::Decode(record.blocks, BlockMap::BlocksFor(bytes, record.blockSize) + 1,
-                          &entry->map_)) {
+    BlockMap& map = entry->map_;
+    if (!BlockMap::Decode(record.blocks, BlockMap::BlocksFor(bytes, blockSize) + 1, &map)) {
         return fail("damaged block map");
+    }
+    // Written data reaches into the last written block; a shorter data file
+    // lost some of it.
+    const std::vector<BlockRun> written = map.RunsOf(BlockState::kWritten);
+    if (!written.empty() && length <= (written.back().second - 1) * blockSize) {
+        return fail("its data file is shorter than its written blocks");
+    }
+    // A fetched block cut off by the data file's end is fetched again.
+    for (uint64_t block = length / blockSize; block < map.Count(); ++block) {
+        const uint64_t end = std::min<uint64_t>((block + 1) * blockSize, record.size);
+        if (map.Get(block) == BlockState::kFetched && length < end) {
+            map.Set(block, block + 1, BlockState::kAbsent);
+            entry->dirty_ = true;
+        }
     }
     entry->key_ = record.key;
     entry->extra_ = record.extra;
+    entry->origin_ = record.origin;
     entry->size_ = record.size;
     entry->fetchLimit_ = record.fetchLimit;
-    const uint64_t blocks =
-        BlockMap::BlocksFor(static_cast<uint64_t>(record.size), record.blockSize);
-    if (entry->map_.Count() < blocks) entry->map_.Resize(blocks);
+    entry->savedDurably_ = !entry->dirty_;
+    const uint64_t blocks = BlockMap::BlocksFor(static_cast<uint64_t>(record.size), blockSize);
+    if (map.Count() < blocks) map.Resize(blocks);
     std::lock_guard<std::mutex> lock(entry->mutex_);
     entry->UpdateUsageLocked();
-    return entry;
+    *restored = entry;
+    return Status::Ok();
 }
 
 std::string CacheEntry::Key() const {
@@ -104,7 +118,7 @@ void CacheEntry::ReleaseOpen() {
     stopReadAhead_ = true;
     changed_.wait(lock, [this] { return !readAheadRunning_; });
     if (openCount_ > 0 || forgotten_) return;
-    SaveLocked();
+    SaveLocked(false);
     CloseDataLocked();
 }
 
@@ -132,6 +146,24 @@ uint64_t CacheEntry::UnsentBytes() const {
     return reportedUnsent_;
 }
 
+int64_t CacheEntry::Size() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return size_;
+}
+
+EntryOrigin CacheEntry::Origin() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return origin_;
+}
+
+void CacheEntry::SetOrigin(const EntryOrigin& origin) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (origin_ == origin) return;
+    origin_ = origin;
+    dirty_ = true;
+    if (map_.CountOf(BlockState::kWritten) > 0) SaveLocked(false);
+}
+
 AERROR CacheEntry::Rekey(const std::string& key, const std::string& extra, int extraOpens) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (forgotten_) return CACHE_NOT_OPENED;
@@ -139,8 +171,8 @@ AERROR CacheEntry::Rekey(const std::string& key, const std::string& extra, int e
     extra_ = extra;
     openCount_ += std::max(extraOpens, 0);
     dirty_ = true;
-    // Rewriting the one record moves the entry on disk in a single rename.
-    return SaveLocked();
+    // The data file keeps its name: the row alone moves the entry.
+    return SaveLocked(false);
 }
 
 void CacheEntry::Forget(bool deleteFiles) {
@@ -151,11 +183,7 @@ void CacheEntry::Forget(bool deleteFiles) {
     CloseDataLocked();
     UpdateUsageLocked();
     changed_.notify_all();
-    if (deleteFiles) {
-        unlink(files_.record.c_str());
-        unlink((files_.record + ".tmp").c_str());
-        unlink(files_.data.c_str());
-    }
+    if (deleteFiles) unlink(files_.data.c_str());
 }
 
 void CacheEntry::StopReadAhead() {
@@ -166,7 +194,15 @@ void CacheEntry::StopReadAhead() {
 
 AERROR CacheEntry::Save() {
     std::lock_guard<std::mutex> lock(mutex_);
-    return SaveLocked();
+    return SaveLocked(false);
+}
+
+AERROR CacheEntry::Sync() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (forgotten_) return CACHE_NOT_OPENED;
+    // Here the cache may hold the only copy of the data: it, its name and
+    // the row that vouches for it must survive a power cut.
+    return SaveLocked(true);
 }
 
 void CacheEntry::Shutdown() {
@@ -174,7 +210,7 @@ void CacheEntry::Shutdown() {
     stopReadAhead_ = true;
     changed_.wait(lock, [this] { return !readAheadRunning_; });
     if (forgotten_) return;
-    SaveLocked();
+    SaveLocked(false);
     CloseDataLocked();
     forgotten_ = true;
     fetcher_ = nullptr;
@@ -213,7 +249,7 @@ AERROR CacheEntry::DropClean() {
     ++generation_;  // fetches under way bring the old content
     dirty_ = true;
     UpdateUsageLocked();
-    return SaveLocked();
+    return SaveLocked(false);
 }
 
 AERROR CacheEntry::Commit() {
@@ -226,7 +262,7 @@ AERROR CacheEntry::Commit() {
     fetchLimit_ = size_;
     dirty_ = true;
     UpdateUsageLocked();
-    return SaveLocked();
+    return SaveLocked(false);
 }
 
 AERROR CacheEntry::Discard() {
@@ -239,7 +275,7 @@ AERROR CacheEntry::Discard() {
     fetchLimit_ = size_;
     dirty_ = true;
     UpdateUsageLocked();
-    return SaveLocked();
+    return SaveLocked(false);
 }
 
 // Open and Reopen give the size the library knows. Unlike SetSize this is no
@@ -289,9 +325,10 @@ AERROR CacheEntry::ExtendLocked(int64_t size) {
     if (!OpenDataLocked()) return CACHE_WRITE_FAILED;
     // Written blocks kept past the old size are overwritten by zeros now.
     if (map_.Count() > oldBlocks) map_.Resize(oldBlocks);
-    if (fileLength_ > old && ftruncate(fd_, old) != 0) return CACHE_WRITE_FAILED;
-    if (ftruncate(fd_, size) != 0) return CACHE_WRITE_FAILED;
+    if (fileLength_ > old && ftruncate(fd_, old) != 0) return CacheContext::WriteFailure(errno);
+    if (ftruncate(fd_, size) != 0) return CacheContext::WriteFailure(errno);
     fileLength_ = size;
+    dataDirty_ = true;
     if (old % blockSize_ != 0) {
         const uint64_t tail = static_cast<uint64_t>(old) / blockSize_;
         if (map_.Get(tail) != BlockState::kAbsent) map_.Set(tail, tail + 1, BlockState::kWritten);
@@ -310,8 +347,10 @@ AERROR CacheEntry::ShrinkLocked(int64_t size) {
     LowerFetchLimitLocked(size);
     dirty_ = true;
     // Truncating also zeroes the tail of the block that holds the new end.
-    if (!OpenDataLocked() || ftruncate(fd_, size) != 0) return CACHE_WRITE_FAILED;
+    if (!OpenDataLocked()) return CACHE_WRITE_FAILED;
+    if (ftruncate(fd_, size) != 0) return CacheContext::WriteFailure(errno);
     fileLength_ = size;
+    dataDirty_ = true;
     return SUCCESS;
 }
 
@@ -355,29 +394,42 @@ void CacheEntry::CloseDataLocked() {
     fd_ = -1;
 }
 
-AERROR CacheEntry::SaveLocked() {
-    if (forgotten_ || !dirty_) return SUCCESS;
-    // The data goes to disk before the record that vouches for it.
-    if (fd_ >= 0 && fdatasync(fd_) != 0) {
+AERROR CacheEntry::SaveLocked(bool durable) {
+    if (forgotten_ || (!dirty_ && !dataDirty_ && (savedDurably_ || !durable))) return SUCCESS;
+    // The data goes to disk before the row that vouches for it, so that no
+    // row, once durable, claims blocks a power cut lost.
+    if (dataDirty_ && (!OpenDataLocked() || fdatasync(fd_) != 0)) {
+        const int error = errno;
         if (context_->log != nullptr) {
             context_->log->Log(LL_ERROR, "[CACHE] cannot sync %s: %s", files_.data.c_str(),
-                               strerror(errno));
+                               strerror(error));
         }
-        return CACHE_WRITE_FAILED;
+        return CacheContext::WriteFailure(error);
+    }
+    dataDirty_ = false;
+    if (!dirty_ && (savedDurably_ || !durable)) return SUCCESS;
+    if (durable && !context_->SyncNewNames()) {
+        const int error = errno;
+        if (context_->log != nullptr) {
+            context_->log->Log(LL_ERROR, "[CACHE] cannot sync %s: %s", context_->dataFolder.c_str(),
+                               strerror(error));
+        }
+        return CacheContext::WriteFailure(error);
     }
     EntryRecord record;
+    record.name = files_.name;
     record.key = key_;
     record.extra = extra_;
-    record.blockSize = blockSize_;
     record.size = size_;
     record.fetchLimit = fetchLimit_;
     record.blocks = map_.Encode();
-    std::string error;
-    if (!ReplaceFileContent(files_.record, EncodeEntryRecord(record), true, &error)) {
-        if (context_->log != nullptr) context_->log->Log(LL_ERROR, "[CACHE] %s", error.c_str());
-        return CACHE_WRITE_FAILED;
-    }
+    record.unsent = reportedUnsent_;
+    record.origin = origin_;
+    record.lastUse = lastUse_.load();
+    const AERROR saved = context_->index->Save(record, durable);
+    if (saved != SUCCESS) return saved;
     dirty_ = false;
+    savedDurably_ = durable;
     return SUCCESS;
 }
 

@@ -1,5 +1,5 @@
 // One cached file: a sparse data file, the map of which blocks it holds, and
-// the record that keeps both across restarts.
+// its row in the cache's index, which keeps both across restarts.
 #ifndef SKARVO_SERVICES_CACHE_ENTRY_H_
 #define SKARVO_SERVICES_CACHE_ENTRY_H_
 
@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "common/status.h"
 #include "libfilesystem/cache.h"
 #include "services/block_map.h"
 #include "services/cache_context.h"
@@ -35,19 +36,18 @@ struct ReadAheadPlan {
 class CacheEntry {
   public:
     struct Files {
-        std::string name;    // stem of both file names
-        std::string data;    // the sparse copy of the file's bytes
-        std::string record;  // the saved EntryRecord
+        std::string name;  // stem of the data file's name, and the row's name
+        std::string data;  // the sparse copy of the file's bytes
     };
 
-    // A new, empty entry with a new, empty data file.
-    static std::shared_ptr<CacheEntry> Create(std::shared_ptr<CacheContext> context,
-                                              const Files& files, const std::string& key,
-                                              std::string* error);
-    // An entry as saved in `record`; its data file must exist.
-    static std::shared_ptr<CacheEntry> Restore(std::shared_ptr<CacheContext> context,
-                                               const Files& files, const EntryRecord& record,
-                                               std::string* error);
+    // A new, empty entry with a new, empty data file, in *created.
+    static Status Create(std::shared_ptr<CacheContext> context, const Files& files,
+                         const std::string& key, std::shared_ptr<CacheEntry>* created);
+    // An entry as saved in `record`, in *restored; its data file must exist.
+    // Fetched blocks past the data file's end count as absent; written ones
+    // there make the entry damaged.
+    static Status Restore(std::shared_ptr<CacheContext> context, const Files& files,
+                          const EntryRecord& record, std::shared_ptr<CacheEntry>* restored);
     ~CacheEntry();
 
     CacheEntry(const CacheEntry&) = delete;
@@ -62,22 +62,30 @@ class CacheEntry {
     // The cache service's side.
     AERROR AddOpen(char mode, int64_t size, IFetch* fetcher);
     // Undoes one AddOpen. The last one stops read-ahead (waiting for a running
-    // one), saves the record and closes the data file.
+    // one), saves the row and closes the data file.
     void ReleaseOpen();
     int OpenCount() const;
-    // Forgets the entry and deletes its files when it is closed and holds no
-    // written data; false, changing nothing, otherwise.
+    // Forgets the entry and deletes its data file when it is closed and holds
+    // no written data; false, changing nothing, otherwise. The caller removes
+    // the row.
     bool EvictIfIdle();
     uint64_t UnsentBytes() const;
+    int64_t Size() const;
+    EntryOrigin Origin() const;
+    // Keeps where the content belongs; saved at once while the entry holds
+    // written data, with the next save otherwise.
+    void SetOrigin(const EntryOrigin& origin);
     // Moves the entry to `key`, taking over `extraOpens` opens of an entry it
-    // replaces, and saves the record durably.
+    // replaces, and saves the row.
     AERROR Rekey(const std::string& key, const std::string& extra, int extraOpens);
-    // Detaches the entry for good, deleting its files when asked. A running
+    // Detaches the entry for good, deleting its data file when asked (the
+    // caller removes the row). A running
     // read-ahead is told to stop; StopReadAhead waits for it.
     void Forget(bool deleteFiles);
     // Stops read-ahead for good and waits until none runs.
     void StopReadAhead();
-    // Saves the record (after syncing the data) when it changed.
+    // Syncs data stored since the last save, then saves the row when it
+    // changed. CACHE_TOO_SMALL when the disk is full.
     AERROR Save();
     // Stops read-ahead, saves and detaches, keeping the files.
     void Shutdown();
@@ -91,6 +99,7 @@ class CacheEntry {
     AERROR DropClean();
     AERROR Commit();
     AERROR Discard();
+    AERROR Sync();
 
     // The read-ahead job's side: runs a plan that Read returned, then reports
     // the end with ReadAheadEnded (also when the job is dropped unrun).
@@ -129,10 +138,13 @@ class CacheEntry {
     void DropBlocksLocked(BlockState state);
     AERROR CopyOutLocked(int64_t offset, int64_t length, char* out);
     AERROR WriteLocked(int64_t offset, int64_t length, const char* data);
+    AERROR StoreLocked(int64_t offset, int64_t length, const char* data);
     void PlanReadAheadLocked(const _READDATA& request, int64_t readEnd, ReadAheadPlan* plan);
     bool OpenDataLocked();
     void CloseDataLocked();
-    AERROR SaveLocked();
+    // With `durable`, also when the row is unchanged but not yet durable,
+    // and so that it survives a power cut.
+    AERROR SaveLocked(bool durable);
     void UpdateUsageLocked();
 
     const std::shared_ptr<CacheContext> context_;
@@ -145,6 +157,7 @@ class CacheEntry {
     std::condition_variable changed_;  // a fetch or a read-ahead ended
     std::string key_;
     std::string extra_;
+    EntryOrigin origin_;
     BlockMap map_;                // covers at least the blocks below size_
     int64_t size_ = 0;            // the file's size as the library sees it
     int64_t fetchLimit_ = 0;      // bytes from here on are never fetched
@@ -155,7 +168,9 @@ class CacheEntry {
     int openCount_ = 0;
     IFetch* fetcher_ = nullptr;  // from the last Open or Reopen
     bool ranged_ = true;         // whether the protocol serves ranges (last read)
-    bool dirty_ = false;         // the record differs from what is saved
+    bool dirty_ = false;         // the row differs from what is saved
+    bool savedDurably_ = false;  // the row was last saved durably
+    bool dataDirty_ = false;     // data or length changed since the data file was last synced
     bool forgotten_ = false;
     bool readAheadRunning_ = false;
     int64_t lastReadEnd_ = -1;

@@ -89,6 +89,10 @@ class CacheEntry::BlockSink : public IFetchCallback {
         return SUCCESS;
     }
 
+    // Why a block could not be stored (a full disk among others), whatever
+    // the protocol made of the refusal.
+    AERROR Failure() const { return failure_; }
+
   private:
     AERROR Take(const char* data, long long size) {
         while (size > 0 && cursor_ < end_) {
@@ -112,8 +116,10 @@ class CacheEntry::BlockSink : public IFetchCallback {
         if (filled < blockSize_) {
             memset(block_.data() + filled, 0, static_cast<size_t>(blockSize_ - filled));
         }
-        return entry_->StoreFetched(static_cast<uint64_t>(start / blockSize_), block_.data(),
-                                    generation_);
+        const AERROR result = entry_->StoreFetched(static_cast<uint64_t>(start / blockSize_),
+                                                   block_.data(), generation_);
+        if (result != SUCCESS) failure_ = result;
+        return result;
     }
 
     CacheEntry* const entry_;
@@ -123,6 +129,7 @@ class CacheEntry::BlockSink : public IFetchCallback {
     const uint64_t generation_;
     const std::atomic<bool>* const abort_;
     std::vector<char> block_;
+    AERROR failure_ = SUCCESS;
 };
 
 AERROR CacheEntry::Fill(const WantedFn& wanted, const std::shared_ptr<_FS_HANDLE>& handle,
@@ -191,6 +198,7 @@ AERROR CacheEntry::FetchRun(BlockRun run, int64_t limit, uint64_t generation,
     if (end <= begin) return SUCCESS;
     BlockSink sink(this, begin, end, generation, abort);
     AERROR result = fetch->Fetch(begin, end - begin, handle, &sink);
+    if (sink.Failure() != SUCCESS) return sink.Failure();
     if (result == SUCCESS) result = sink.Finish();
     return result;
 }
@@ -202,10 +210,12 @@ AERROR CacheEntry::StoreFetched(uint64_t block, const char* data, uint64_t gener
     // Written blocks are never replaced by fetched data.
     if (start >= size_ || map_.Get(block) != BlockState::kAbsent) return SUCCESS;
     const int64_t length = std::min<int64_t>(blockSize_, size_ - start);
-    if (!OpenDataLocked() || !PwriteAll(fd_, data, length, start)) return CACHE_WRITE_FAILED;
+    if (!OpenDataLocked()) return CACHE_WRITE_FAILED;
+    if (!PwriteAll(fd_, data, length, start)) return CacheContext::WriteFailure(errno);
     fileLength_ = std::max(fileLength_, start + length);
     map_.Set(block, block + 1, BlockState::kFetched);
     dirty_ = true;
+    dataDirty_ = true;
     UpdateUsageLocked();
     return SUCCESS;
 }
@@ -360,13 +370,50 @@ AERROR CacheEntry::CopyOutLocked(int64_t offset, int64_t length, char* out) {
     return SUCCESS;
 }
 
+// On failure the entry is as before the write: the size, the data file's
+// length and the block map, except that fetched blocks the write reached count
+// as absent again, since their bytes may now be partly the write's.
 AERROR CacheEntry::WriteLocked(int64_t offset, int64_t length, const char* data) {
     const int64_t end = offset + length;
-    if (end > size_) {
-        const AERROR extended = ExtendLocked(end);
-        if (extended != SUCCESS) return extended;
+    const uint64_t first = static_cast<uint64_t>(offset / blockSize_);
+    const uint64_t last = static_cast<uint64_t>((end - 1) / blockSize_);
+    const int64_t oldSize = size_;
+    const int64_t oldLimit = fetchLimit_;
+    const uint64_t tail = static_cast<uint64_t>(oldSize) / blockSize_;
+    const BlockState tailState = map_.Get(tail);
+    AERROR result = end > size_ ? ExtendLocked(end) : SUCCESS;
+    if (result == SUCCESS) result = StoreLocked(offset, length, data);
+    if (result != SUCCESS) {
+        if (size_ != oldSize) {
+            map_.Resize(BlockMap::BlocksFor(static_cast<uint64_t>(oldSize), blockSize_));
+            if (oldSize % blockSize_ != 0) map_.Set(tail, tail + 1, tailState);
+            // Gives back the space that the write took past the old end.
+            if (ftruncate(fd_, oldSize) == 0) fileLength_ = oldSize;
+            size_ = oldSize;
+            fetchLimit_ = oldLimit;
+        }
+        for (uint64_t block = first; block <= last && block < map_.Count(); ++block) {
+            if (map_.Get(block) == BlockState::kFetched) {
+                map_.Set(block, block + 1, BlockState::kAbsent);
+            }
+        }
+        UpdateUsageLocked();
+        return result;
     }
+    fileLength_ = std::max(fileLength_, end);
+    dataDirty_ = true;
+    // Rewriting blocks already written leaves the row as it is.
+    for (uint64_t block = first; block <= last && !dirty_; ++block) {
+        dirty_ = map_.Get(block) != BlockState::kWritten;
+    }
+    map_.Set(first, last + 1, BlockState::kWritten);
+    UpdateUsageLocked();
+    return SUCCESS;
+}
+
+AERROR CacheEntry::StoreLocked(int64_t offset, int64_t length, const char* data) {
     if (!OpenDataLocked()) return CACHE_WRITE_FAILED;
+    const int64_t end = offset + length;
     const uint64_t first = static_cast<uint64_t>(offset / blockSize_);
     const uint64_t last = static_cast<uint64_t>((end - 1) / blockSize_);
     // An absent block written in part, with nothing to fetch, is otherwise zeros.
@@ -378,13 +425,11 @@ AERROR CacheEntry::WriteLocked(int64_t offset, int64_t length, const char* data)
         const int64_t stop = std::min<int64_t>(start + blockSize_, size_);
         if (offset <= start && end >= stop) continue;
         const std::vector<char> zeros(static_cast<size_t>(stop - start), 0);
-        if (!PwriteAll(fd_, zeros.data(), stop - start, start)) return CACHE_WRITE_FAILED;
+        if (!PwriteAll(fd_, zeros.data(), stop - start, start)) {
+            return CacheContext::WriteFailure(errno);
+        }
     }
-    if (!PwriteAll(fd_, data, length, offset)) return CACHE_WRITE_FAILED;
-    fileLength_ = std::max(fileLength_, end);
-    map_.Set(first, last + 1, BlockState::kWritten);
-    dirty_ = true;
-    UpdateUsageLocked();
+    if (!PwriteAll(fd_, data, length, offset)) return CacheContext::WriteFailure(errno);
     return SUCCESS;
 }
 

@@ -5,20 +5,38 @@
 #include "services/read_ahead.h"
 
 CacheObject::CacheObject(std::shared_ptr<CacheEntry> entry, std::shared_ptr<CacheContext> context,
-                         GrownFn grown)
-    : entry_(std::move(entry)), context_(std::move(context)), grown_(std::move(grown)) {}
+                         GrownFn grown, RoomFn room)
+    : entry_(std::move(entry)),
+      context_(std::move(context)),
+      grown_(std::move(grown)),
+      room_(std::move(room)) {}
+
+template <typename Operation>
+AERROR CacheObject::WithRoom(uint64_t bytes, Operation&& operation) {
+    AERROR result = operation();
+    if (result == CACHE_TOO_SMALL && room_(bytes)) result = operation();
+    if (result == CACHE_TOO_SMALL) context_->NoteFull();
+    return result;
+}
 
 AERROR CacheObject::Read(_READDATA* request) {
     ReadAheadPlan plan;
-    const AERROR result = entry_->Read(request, &plan);
+    // A read stores what it fetches: it may need room too.
+    const uint64_t room = request != nullptr ? request->size + 2ull * context_->blockSize : 0;
+    const AERROR result = WithRoom(room, [&] { return entry_->Read(request, &plan); });
     if (plan.wanted) StartReadAhead(context_->queue, entry_, plan);
     if (result == SUCCESS) grown_(false);
     return result;
 }
 
 AERROR CacheObject::Write(_WRITEDATA* request) {
-    const AERROR result = entry_->Write(request);
-    if (result == SUCCESS) grown_(false);
+    // The blocks at either end may be filled in besides the bytes written.
+    const uint64_t room = request != nullptr ? request->size + 2ull * context_->blockSize : 0;
+    const AERROR result = WithRoom(room, [&] { return entry_->Write(request); });
+    if (result == SUCCESS) {
+        context_->NoteRoom();
+        grown_(false);
+    }
     return result;
 }
 
@@ -33,7 +51,8 @@ AERROR CacheObject::SetSize(long long size) {
 }
 
 AERROR CacheObject::FillUnwritten(std::shared_ptr<_FS_HANDLE> handle) {
-    const AERROR result = entry_->FillUnwritten(handle);
+    const uint64_t room = static_cast<uint64_t>(context_->maxFetchBlocks) * context_->blockSize;
+    const AERROR result = WithRoom(room, [&] { return entry_->FillUnwritten(handle); });
     grown_(false);
     return result;
 }
@@ -43,7 +62,10 @@ AERROR CacheObject::DropClean() {
 }
 
 AERROR CacheObject::Commit() {
-    const AERROR result = entry_->Commit();
+    AERROR result = entry_->Commit();
+    // The commit holds in memory even when its record did not fit: saving it
+    // again keeps a restart from taking uploaded data for unsent data.
+    if (result == CACHE_TOO_SMALL && room_(context_->blockSize)) result = entry_->Save();
     // Committed data may be evicted once the entry is closed.
     grown_(true);
     return result;
@@ -53,4 +75,9 @@ AERROR CacheObject::Discard() {
     const AERROR result = entry_->Discard();
     grown_(true);
     return result;
+}
+
+AERROR CacheObject::Sync() {
+    // Only records are written: a little room is enough.
+    return WithRoom(context_->blockSize, [&] { return entry_->Sync(); });
 }

@@ -3,6 +3,7 @@
 #ifndef SKARVO_SERVICES_CACHE_OBJECT_H_
 #define SKARVO_SERVICES_CACHE_OBJECT_H_
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -15,9 +16,12 @@ class CacheObject : public ICacheObj {
     // `released` when the entry may have become evictable itself. It must stay
     // callable for as long as the object lives.
     using GrownFn = std::function<void(bool released)>;
+    // Asks the cache to free about `bytes` on its disk by evicting clean,
+    // closed entries; true when it freed anything. The same lifetime as GrownFn.
+    using RoomFn = std::function<bool(uint64_t bytes)>;
 
     CacheObject(std::shared_ptr<CacheEntry> entry, std::shared_ptr<CacheContext> context,
-                GrownFn grown);
+                GrownFn grown, RoomFn room);
 
     AERROR Read(_READDATA* request) override;
     AERROR Write(_WRITEDATA* request) override;
@@ -27,11 +31,18 @@ class CacheObject : public ICacheObj {
     AERROR DropClean() override;
     AERROR Commit() override;
     AERROR Discard() override;
+    AERROR Sync() override;
 
   private:
+    // Runs `operation`; when the disk is full, makes room for `bytes` and
+    // runs it once more. Says so once when it still does not fit.
+    template <typename Operation>
+    AERROR WithRoom(uint64_t bytes, Operation&& operation);
+
     const std::shared_ptr<CacheEntry> entry_;
     const std::shared_ptr<CacheContext> context_;
     const GrownFn grown_;
+    const RoomFn room_;
 };
 
 #endif  // SKARVO_SERVICES_CACHE_OBJECT_H_

@@ -1,38 +1,44 @@
-// The cache's on-disk records: one per entry (its key, size and block map)
-// and the index that lists the entries from least to most recently used.
+// What the cache keeps of one entry across restarts: its key, size, block
+// map and where its content belongs.
 #ifndef SKARVO_SERVICES_CACHE_RECORDS_H_
 #define SKARVO_SERVICES_CACHE_RECORDS_H_
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
-// What is saved of one entry next to its data file.
+// Where an entry's content belongs, as the library last said, so that data
+// written and never uploaded can be uploaded after skarvo died.
+struct EntryOrigin {
+    bool known = false;  // false: never said
+    std::string path;    // in the volume, "/Docs/a.txt"; empty: the file was
+                         // deleted and its data belongs nowhere
+    std::string remote;  // identity of the remote holding the file
+    bool based = false;  // whether the remote had a copy when the change began
+    int64_t baseSize = 0;
+    std::string baseModifyTime;  // RFC 3339
+    std::string baseExtra;       // the protocol's text, such as an ETag
+
+    // The file was deleted: its data must never be uploaded.
+    bool BelongsNowhere() const { return known && path.empty(); }
+    // The file's path in the volume: the noted one, or, when none was
+    // noted, the one the entry's key spells (lower case).
+    std::string VolumePath(const std::string& key) const;
+
+    bool operator==(const EntryOrigin& other) const;
+};
+
+// One entry's row in the cache's index.
 struct EntryRecord {
+    std::string name;  // stem of the data file's name
     std::string key;
     std::string extra;  // the protocol's text given with the last rekey
-    uint32_t blockSize = 0;
     int64_t size = 0;
     int64_t fetchLimit = 0;  // bytes from here on are never fetched
     std::string blocks;      // BlockMap::Encode
+    uint64_t unsent = 0;     // bytes written and not committed
+    EntryOrigin origin;
+    uint64_t lastUse = 0;  // larger is more recent
 };
-
-struct IndexEntry {
-    std::string name;  // file name stem of the entry's data and record
-    std::string key;
-};
-
-// The list of entries, least recently used first.
-struct IndexRecord {
-    uint32_t blockSize = 0;
-    std::vector<IndexEntry> entries;
-};
-
-std::string EncodeEntryRecord(const EntryRecord& record);
-bool DecodeEntryRecord(const std::string& text, EntryRecord* record);
-
-std::string EncodeIndexRecord(const IndexRecord& record);
-bool DecodeIndexRecord(const std::string& text, IndexRecord* record);
 
 // Whether `name` is a name the cache itself could have given an entry, and so
 // safe to use as a file name stem.

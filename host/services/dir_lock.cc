@@ -7,30 +7,26 @@
 #include <cerrno>
 #include <cstring>
 
-std::unique_ptr<DirLock> DirLock::Acquire(const std::string& dir, std::string* error) {
+#include "libfilesystem/unique_fd.h"
+
+Status DirLock::Acquire(const std::string& dir, std::unique_ptr<DirLock>* lock) {
     const std::string path = dir + "/lock";
     // Each open gets a lock of its own, so a second claim from this same
     // process is refused as well.
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        if (error != nullptr) *error = "cannot open lock file " + path + ": " + strerror(errno);
-        return nullptr;
+    UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!fd.Valid()) {
+        return Status::Error("cannot open lock file " + path + ": " + strerror(errno));
     }
-    while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    while (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno == EINTR) continue;
-        const int code = errno;
-        close(fd);
-        if (error != nullptr) {
-            if (code == EWOULDBLOCK) {
-                *error = "cache directory " + dir +
-                         " is in use by another skarvo process (lock file " + path + ")";
-            } else {
-                *error = "cannot lock " + path + ": " + strerror(code);
-            }
+        if (errno == EWOULDBLOCK) {
+            return Status::Error("cache directory " + dir +
+                                 " is in use by another skarvo process (lock file " + path + ")");
         }
-        return nullptr;
+        return Status::Error("cannot lock " + path + ": " + strerror(errno));
     }
-    return std::unique_ptr<DirLock>(new DirLock(fd));
+    lock->reset(new DirLock(fd.Release()));
+    return Status::Ok();
 }
 
 DirLock::~DirLock() {

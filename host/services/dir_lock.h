@@ -5,14 +5,16 @@
 #include <memory>
 #include <string>
 
+#include "common/status.h"
+
 // Holds an exclusive flock on "<dir>/lock" for its lifetime. The kernel drops
 // the lock when the process ends, so a crash never leaves a folder claimed.
 // A second claim fails, from another process or from this one.
 class DirLock {
   public:
-    // Null, with a message naming the folder and the lock file in *error, when
-    // the folder is claimed already or the lock file cannot be opened.
-    static std::unique_ptr<DirLock> Acquire(const std::string& dir, std::string* error);
+    // Claims `dir` for *lock. Fails, naming the folder and the lock file,
+    // when the folder is claimed already or the lock file cannot be opened.
+    static Status Acquire(const std::string& dir, std::unique_ptr<DirLock>* lock);
     ~DirLock();
 
     DirLock(const DirLock&) = delete;

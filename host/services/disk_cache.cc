@@ -11,38 +11,18 @@
 #include <cstring>
 #include <utility>
 
-#include "services/atomic_file.h"
 #include "services/cache_object.h"
 #include "services/cache_records.h"
+#include "services/legacy_records.h"
+#include "services/make_dirs.h"
+#include "services/name_suffix.h"
 
 namespace {
 
-constexpr char kRecordSuffix[] = ".map";
 constexpr char kDataSuffix[] = ".data";
-constexpr char kTempSuffix[] = ".tmp";
-
-bool EndsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() &&
-           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-// Creates `path` and any missing parents.
-bool MakeDirs(const std::string& path, std::string* error) {
-    for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-        const std::string part = path.substr(0, slash);
-        if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
-            if (error != nullptr) *error = "cannot create " + part + ": " + strerror(errno);
-            return false;
-        }
-        if (slash == std::string::npos) break;
-    }
-    struct stat info {};
-    if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-        if (error != nullptr) *error = path + " is not a folder";
-        return false;
-    }
-    return true;
-}
+constexpr char kTempSuffix[] = ".tmp";  // left by record saves of older versions
+// The least that making room on a full disk frees, in blocks.
+constexpr uint64_t kRoomBlocks = 256;
 
 // FNV-1a: a stable hash, so an entry gets the same name in every run.
 uint64_t HashKey(const std::string& key) {
@@ -58,25 +38,45 @@ bool IsValidBlockSize(uint32_t size) {
     return size >= 512 && size <= (64u << 20);
 }
 
+// Imports the records an older version left in `dataDir`, then deletes them.
+bool ImportLegacy(CacheIndex* index, const LegacyRecords& legacy, const std::string& dataDir,
+                  const std::string& root, ILog* log) {
+    for (const std::string& name : legacy.unreadable) {
+        // Kept as it is: it may hold written data that a later version can read.
+        if (log != nullptr) {
+            log->Log(LL_WARNING, "[CACHE] cannot read %s/%s.map; leaving it alone", dataDir.c_str(),
+                     name.c_str());
+        }
+    }
+    if (!legacy.records.empty() && index->Import(legacy.records) != SUCCESS) return false;
+    // Rows already in the index win over records, so an import repeated
+    // after a crash changes nothing.
+    for (const EntryRecord& record : legacy.records)
+        unlink((dataDir + "/" + record.name + ".map").c_str());
+    unlink((root + "/index").c_str());  // the older version's list of entries
+    if (log != nullptr && !legacy.records.empty()) {
+        log->Log(LL_INFO, "[CACHE] %s: %zu entries moved into its index", root.c_str(),
+                 legacy.records.size());
+    }
+    return true;
+}
+
 }  // namespace
 
-std::shared_ptr<DiskCache> DiskCache::Create(const std::string& dir, uint64_t maxBytes,
-                                             IAsyncQ* queue, ILog* log, std::string* error,
-                                             const DiskCacheOptions& options) {
+Status DiskCache::Create(const std::string& dir, uint64_t maxBytes, IAsyncQ* queue, ILog* log,
+                         std::shared_ptr<DiskCache>* created, const DiskCacheOptions& options) {
     std::string root = dir;
     while (root.size() > 1 && root.back() == '/')
         root.pop_back();
-    if (root.empty()) {
-        if (error != nullptr) *error = "no cache directory given";
-        return nullptr;
-    }
+    if (root.empty()) return Status::Error("no cache directory given");
     if (!IsValidBlockSize(options.blockSize)) {
-        if (error != nullptr) *error = "cache block size must be between 512 bytes and 64 MiB";
-        return nullptr;
+        return Status::Error("cache block size must be between 512 bytes and 64 MiB");
     }
-    if (!MakeDirs(root + "/data", error)) return nullptr;
-    std::unique_ptr<DirLock> lock = DirLock::Acquire(root, error);
-    if (lock == nullptr) return nullptr;
+    Status status = MakeDirs(root + "/data");
+    if (!status.ok()) return status;
+    std::unique_ptr<DirLock> lock;
+    status = DirLock::Acquire(root, &lock);
+    if (!status.ok()) return status;
 
     auto context = std::make_shared<CacheContext>();
     context->blockSize = options.blockSize;
@@ -84,25 +84,37 @@ std::shared_ptr<DiskCache> DiskCache::Create(const std::string& dir, uint64_t ma
     context->maxFetchBlocks = std::max<uint32_t>(options.maxFetchBlocks, 1);
     context->queue = queue;
     context->log = log;
-    // A folder keeps the block size it was made with.
-    std::string text;
-    IndexRecord index;
-    if (ReadFileContent(root + "/index", &text) && DecodeIndexRecord(text, &index)) {
-        context->blockSize = index.blockSize;
+    context->folder = root;
+    context->dataFolder = root + "/data";
+    // Records of an older version are imported once; the folder keeps the
+    // block size they were saved with.
+    LegacyRecords legacy = ReadLegacyRecords(context->dataFolder);
+    std::unique_ptr<CacheIndex> index;
+    status =
+        CacheIndex::Open(root + "/index.db",
+                         legacy.blockSize != 0 ? legacy.blockSize : options.blockSize, log, &index);
+    if (!status.ok()) return status;
+    context->blockSize = index->BlockSize();
+    if (!ImportLegacy(index.get(), legacy, context->dataFolder, root, log)) {
+        return Status::Error("cannot import the entries of " + root + " into its index");
     }
-    std::shared_ptr<DiskCache> cache(new DiskCache(root, maxBytes, context, std::move(lock)));
-    cache->Restore();
+    context->index = index.get();
+    std::shared_ptr<DiskCache> cache(
+        new DiskCache(root, maxBytes, context, std::move(lock), std::move(index)));
+    cache->Restore(std::set<std::string>(legacy.unreadable.begin(), legacy.unreadable.end()));
     cache->Trim(true);
-    return cache;
+    *created = std::move(cache);
+    return Status::Ok();
 }
 
 DiskCache::DiskCache(std::string dir, uint64_t maxBytes, std::shared_ptr<CacheContext> context,
-                     std::unique_ptr<DirLock> lock)
+                     std::unique_ptr<DirLock> lock, std::unique_ptr<CacheIndex> index)
     : dir_(std::move(dir)),
       dataDir_(dir_ + "/data"),
       maxBytes_(maxBytes),
       context_(std::move(context)),
-      lock_(std::move(lock)) {}
+      lock_(std::move(lock)),
+      index_(std::move(index)) {}
 
 DiskCache::~DiskCache() {
     std::vector<std::shared_ptr<CacheEntry>> entries;
@@ -116,91 +128,82 @@ DiskCache::~DiskCache() {
     for (const auto& entry : entries)
         entry->Shutdown();
     std::lock_guard<std::mutex> lock(mutex_);
-    SaveIndexLocked(true);
+    SaveLastUsesLocked();
     entries_.clear();
 }
 
-void DiskCache::Restore() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::string text;
-    IndexRecord index;
-    const bool hasIndex = ReadFileContent(dir_ + "/index", &text);
-    if (hasIndex && !DecodeIndexRecord(text, &index)) {
-        Log(LL_WARNING, "[CACHE] %s/index is damaged; rebuilding it from the entries",
-            dir_.c_str());
-    }
+namespace {
 
-    std::set<std::string> records;
+// The names of the data files in `dataDir`, without their ending; removes
+// the temporary files an interrupted save of an older version left.
+std::set<std::string> ScanDataFolder(const std::string& dataDir) {
     std::set<std::string> dataFiles;
-    if (DIR* folder = opendir(dataDir_.c_str())) {
-        while (const dirent* item = readdir(folder)) {
-            const std::string file = item->d_name;
-            if (EndsWith(file, kTempSuffix)) {
-                unlink((dataDir_ + "/" + file).c_str());  // left by an interrupted save
-            } else if (EndsWith(file, kRecordSuffix)) {
-                records.insert(file.substr(0, file.size() - strlen(kRecordSuffix)));
-            } else if (EndsWith(file, kDataSuffix)) {
-                dataFiles.insert(file.substr(0, file.size() - strlen(kDataSuffix)));
-            }
+    DIR* folder = opendir(dataDir.c_str());
+    if (folder == nullptr) return dataFiles;
+    while (const dirent* item = readdir(folder)) {
+        const std::string file = item->d_name;
+        if (EndsWith(file, kTempSuffix)) {
+            unlink((dataDir + "/" + file).c_str());
+        } else if (EndsWith(file, kDataSuffix)) {
+            dataFiles.insert(file.substr(0, file.size() - strlen(kDataSuffix)));
         }
-        closedir(folder);
     }
+    closedir(folder);
+    return dataFiles;
+}
 
-    // Least recently used first: the index's order, then entries it missed.
-    std::vector<std::string> order;
-    std::set<std::string> listed;
-    for (const IndexEntry& item : index.entries) {
-        if (records.count(item.name) != 0 && listed.insert(item.name).second) {
-            order.push_back(item.name);
-        }
-    }
-    for (const std::string& name : records) {
-        if (listed.insert(name).second) order.push_back(name);
-    }
+}  // namespace
 
-    for (const std::string& name : order) {
-        if (!IsValidEntryName(name)) continue;  // not a file of ours
-        const CacheEntry::Files files = FilesFor(name);
-        EntryRecord record;
-        if (!ReadFileContent(files.record, &text) || !DecodeEntryRecord(text, &record)) {
-            // Kept as it is: it may hold written data that a later version can read.
-            Log(LL_WARNING, "[CACHE] cannot read %s; leaving it alone", files.record.c_str());
-            names_.insert(name);
-            continue;
+void DiskCache::Restore(const std::set<std::string>& kept) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    names_ = kept;
+    const std::set<std::string> dataFiles = ScanDataFolder(dataDir_);
+    std::vector<std::string> dropped;
+    // Least recently used first, so that the clock keeps their order.
+    for (const EntryRecord& record : index_->Load()) {
+        if (IsValidEntryName(record.name)) {
+            RestoreEntryLocked(record, dataFiles, &dropped);
+        } else {
+            names_.insert(record.name);  // not a row this version wrote: left alone
         }
-        if (entries_.count(record.key) != 0) {
-            Log(LL_WARNING, "[CACHE] %s repeats the key of another entry; leaving it alone",
-                files.record.c_str());
-            names_.insert(name);
-            continue;
-        }
-        if (dataFiles.count(name) == 0) {
-            Log(LL_WARNING, "[CACHE] the data of %s is missing; dropping the entry",
-                record.key.c_str());
-            unlink(files.record.c_str());
-            continue;
-        }
-        std::string error;
-        std::shared_ptr<CacheEntry> entry = CacheEntry::Restore(context_, files, record, &error);
-        names_.insert(name);
-        if (entry == nullptr) {
-            Log(LL_WARNING, "[CACHE] %s; leaving it alone", error.c_str());
-            continue;
-        }
-        entry->Touch();
-        entries_.emplace(record.key, std::move(entry));
     }
-
-    // Data without a record was never vouched for: nothing in it is known.
+    index_->Remove(dropped);
+    // Data without a row was never vouched for: nothing in it is known.
     for (const std::string& name : dataFiles) {
         if (names_.count(name) == 0 && IsValidEntryName(name)) {
             unlink(FilesFor(name).data.c_str());
         }
     }
-    SaveIndexLocked(true);
     Log(LL_INFO, "[CACHE] %s: %zu entries, %llu bytes held, %llu not yet uploaded", dir_.c_str(),
         entries_.size(), static_cast<unsigned long long>(context_->usedBytes.load()),
         static_cast<unsigned long long>(context_->unsentBytes.load()));
+}
+
+void DiskCache::RestoreEntryLocked(const EntryRecord& record,
+                                   const std::set<std::string>& dataFiles,
+                                   std::vector<std::string>* dropped) {
+    if (entries_.count(record.key) != 0) {
+        Log(LL_WARNING, "[CACHE] the row %s repeats the key of another entry; leaving it alone",
+            record.name.c_str());
+        names_.insert(record.name);
+        return;
+    }
+    if (dataFiles.count(record.name) == 0) {
+        Log(LL_WARNING, "[CACHE] the data of %s is missing; dropping the entry",
+            record.key.c_str());
+        dropped->push_back(record.name);
+        return;
+    }
+    std::shared_ptr<CacheEntry> entry;
+    const Status restored = CacheEntry::Restore(context_, FilesFor(record.name), record, &entry);
+    names_.insert(record.name);
+    if (!restored.ok()) {
+        // Kept as it is: it may hold written data that a later version can read.
+        Log(LL_WARNING, "[CACHE] %s; leaving it alone", restored.message().c_str());
+        return;
+    }
+    entry->Touch();
+    entries_.emplace(record.key, std::move(entry));
 }
 
 AERROR DiskCache::GetUsage(unsigned long long* used, unsigned long long* unsent) {
@@ -223,8 +226,8 @@ AERROR DiskCache::Flush() {
         if (saved != SUCCESS && saved != CACHE_NOT_OPENED && result == SUCCESS) result = saved;
     }
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!SaveIndexLocked(true) && result == SUCCESS) result = CACHE_WRITE_FAILED;
-    return result;
+    const AERROR saved = SaveLastUsesLocked();
+    return result != SUCCESS ? result : saved;
 }
 
 AERROR DiskCache::Remove(const char* key) {
@@ -235,9 +238,10 @@ AERROR DiskCache::Remove(const char* key) {
     if (found == entries_.end()) return FILE_NOT_FOUND;
     if (found->second->OpenCount() > 0) return SHARING_VIOLATION;
     found->second->Forget(true);
-    names_.erase(found->second->Name());
+    const std::string name = found->second->Name();
+    index_->Remove({name});
+    names_.erase(name);
     entries_.erase(found);
-    SaveIndexLocked(false);
     return SUCCESS;
 }
 
@@ -253,10 +257,9 @@ std::shared_ptr<ICacheObj> DiskCache::Open(const char* key, char mode, long long
             entry = found->second;
         } else {
             const std::string name = NewNameLocked(key);
-            std::string error;
-            entry = CacheEntry::Create(context_, FilesFor(name), key, &error);
-            if (entry == nullptr) {
-                Log(LL_ERROR, "[CACHE] cannot cache %s: %s", key, error.c_str());
+            const Status created = CacheEntry::Create(context_, FilesFor(name), key, &entry);
+            if (!created.ok()) {
+                Log(LL_ERROR, "[CACHE] cannot cache %s: %s", key, created.message().c_str());
                 return nullptr;
             }
             names_.insert(name);
@@ -270,9 +273,14 @@ std::shared_ptr<ICacheObj> DiskCache::Open(const char* key, char mode, long long
     }
     Trim(false);
     std::weak_ptr<DiskCache> self = weak_from_this();
-    return std::make_shared<CacheObject>(entry, context_, [self](bool released) {
+    const auto grown = [self](bool released) {
         if (std::shared_ptr<DiskCache> cache = self.lock()) cache->Trim(released);
-    });
+    };
+    const auto room = [self](uint64_t bytes) {
+        std::shared_ptr<DiskCache> cache = self.lock();
+        return cache != nullptr && cache->MakeRoom(bytes);
+    };
+    return std::make_shared<CacheObject>(entry, context_, grown, room);
 }
 
 void DiskCache::Close(const char* key) {
@@ -308,6 +316,7 @@ AERROR DiskCache::Rekey(const char* oldKey, const char* newKey, const char* extr
                     newKey, oldKey, static_cast<unsigned long long>(replaced->UnsentBytes()));
             }
             replaced->Forget(true);
+            index_->Remove({replaced->Name()});
             names_.erase(replaced->Name());
             entries_.erase(target);
         }
@@ -318,7 +327,6 @@ AERROR DiskCache::Rekey(const char* oldKey, const char* newKey, const char* extr
             result = moved->Rekey(newKey, extra != nullptr ? extra : "", replacedOpens);
             entries_.emplace(newKey, moved);
         }
-        SaveIndexLocked(true);
     }
     // Outside the lock: the replaced entry's read-ahead may still be inside a
     // fetch of the node that goes with it.
@@ -331,14 +339,53 @@ size_t DiskCache::EntryCount() const {
     return entries_.size();
 }
 
-std::vector<std::string> DiskCache::UnsentKeys() const {
+std::vector<DiskCache::Unsent> DiskCache::UnsentEntries() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<std::string> keys;
+    std::vector<Unsent> unsent;
     for (const auto& item : entries_) {
-        if (item.second->UnsentBytes() > 0) keys.push_back(item.first);
+        const uint64_t bytes = item.second->UnsentBytes();
+        if (bytes == 0) continue;
+        unsent.push_back(Unsent{item.first, item.second->Origin(), item.second->Size(), bytes});
     }
-    std::sort(keys.begin(), keys.end());
-    return keys;
+    std::sort(unsent.begin(), unsent.end(),
+              [](const Unsent& a, const Unsent& b) { return a.key < b.key; });
+    return unsent;
+}
+
+void DiskCache::SetRemoteIdentities(std::map<const IProtocol_V2*, std::string> identities) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    identities_ = std::move(identities);
+}
+
+void DiskCache::NoteOrigin(const char* key, const _CACHE_ORIGIN* origin) {
+    if (key == nullptr || origin == nullptr) return;
+    std::shared_ptr<CacheEntry> entry;
+    std::string remote;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = entries_.find(key);
+        if (found == entries_.end()) return;
+        entry = found->second;
+        const auto identity = identities_.find(origin->protocol);
+        if (identity != identities_.end()) remote = identity->second;
+    }
+    EntryOrigin next = entry->Origin();
+    if (origin->path != nullptr) {
+        next.known = true;
+        next.path = origin->path;
+    }
+    if (origin->protocol != nullptr) next.remote = remote;
+    if (const _FS_FILE_V2* base = origin->base) {
+        next.based = !base->key.empty();
+        next.baseSize = next.based ? base->size : 0;
+        next.baseModifyTime = next.based ? base->modifyTime : "";
+        next.baseExtra = next.based ? base->extra : "";
+    }
+    entry->SetOrigin(next);
+    // Written data that belongs nowhere goes at once when no one has it
+    // open. Clean entries are left to eviction: a removal rewrites the index,
+    // which every unlink of a cached file must not pay.
+    if (next.BelongsNowhere() && entry->UnsentBytes() > 0) Remove(key);
 }
 
 void DiskCache::Trim(bool released) {
@@ -351,22 +398,7 @@ void DiskCache::Trim(bool released) {
     const uint64_t releases = releases_.load();
     // Only a close or a commit makes new entries evictable.
     if (stopped_ || releases == fruitlessTrimAt_) return;
-    std::vector<std::pair<uint64_t, std::shared_ptr<CacheEntry>>> byAge;
-    byAge.reserve(entries_.size());
-    for (const auto& item : entries_)
-        byAge.emplace_back(item.second->LastUse(), item.second);
-    std::sort(byAge.begin(), byAge.end(),
-              [](const auto& a, const auto& b) { return a.first < b.first; });
-    bool evicted = false;
-    for (const auto& item : byAge) {
-        if (context_->usedBytes.load() <= maxBytes_) break;
-        const std::shared_ptr<CacheEntry>& entry = item.second;
-        if (!entry->EvictIfIdle()) continue;
-        entries_.erase(entry->Key());
-        names_.erase(entry->Name());
-        evicted = true;
-    }
-    if (evicted) SaveIndexLocked(false);
+    EvictLocked([this] { return context_->usedBytes.load() <= maxBytes_; });
     if (context_->usedBytes.load() <= maxBytes_) {
         overLimitWarned_ = false;
         return;
@@ -382,11 +414,50 @@ void DiskCache::Trim(bool released) {
     }
 }
 
+bool DiskCache::MakeRoom(uint64_t bytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopped_) return false;
+    // Generously: a full disk stays full, and each refusal costs a retry.
+    bytes = std::max<uint64_t>(bytes, kRoomBlocks * context_->blockSize);
+    const uint64_t before = context_->usedBytes.load();
+    const bool evicted = EvictLocked([&] {
+        const uint64_t now = context_->usedBytes.load();
+        return now < before && before - now >= bytes;
+    });
+    if (evicted) {
+        Log(LL_INFO, "[CACHE] %s is full: evicted cached copies of uploaded files to make room",
+            dir_.c_str());
+    }
+    return evicted;
+}
+
+template <typename Enough>
+bool DiskCache::EvictLocked(Enough&& enough) {
+    std::vector<std::pair<uint64_t, std::shared_ptr<CacheEntry>>> byAge;
+    byAge.reserve(entries_.size());
+    for (const auto& item : entries_)
+        byAge.emplace_back(item.second->LastUse(), item.second);
+    std::sort(byAge.begin(), byAge.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<std::string> evicted;
+    for (const auto& item : byAge) {
+        if (enough()) break;
+        // Only closed entries without written data go.
+        const std::shared_ptr<CacheEntry>& entry = item.second;
+        if (!entry->EvictIfIdle()) continue;
+        entries_.erase(entry->Key());
+        names_.erase(entry->Name());
+        evicted.push_back(entry->Name());
+    }
+    // Their rows go in one transaction, before a new entry can take a name.
+    index_->Remove(evicted);
+    return !evicted.empty();
+}
+
 CacheEntry::Files DiskCache::FilesFor(const std::string& name) const {
     CacheEntry::Files files;
     files.name = name;
     files.data = dataDir_ + "/" + name + kDataSuffix;
-    files.record = dataDir_ + "/" + name + kRecordSuffix;
     return files;
 }
 
@@ -401,23 +472,18 @@ std::string DiskCache::NewNameLocked(const std::string& key) const {
     return name;
 }
 
-bool DiskCache::SaveIndexLocked(bool durable) {
-    std::vector<std::pair<uint64_t, IndexEntry>> byAge;
-    for (const auto& item : entries_) {
-        byAge.push_back({item.second->LastUse(), IndexEntry{item.second->Name(), item.first}});
+AERROR DiskCache::SaveLastUsesLocked() {
+    std::vector<std::pair<std::string, uint64_t>> uses;
+    uses.reserve(entries_.size());
+    for (const auto& item : entries_)
+        uses.emplace_back(item.second->Name(), item.second->LastUse());
+    // Durable, and with it every row saved before: the data of those rows
+    // was synced when they were saved, and their names are synced here.
+    if (!context_->SyncNewNames()) {
+        Log(LL_ERROR, "[CACHE] cannot sync %s: %s", dataDir_.c_str(), strerror(errno));
+        return CACHE_WRITE_FAILED;
     }
-    std::sort(byAge.begin(), byAge.end(),
-              [](const auto& a, const auto& b) { return a.first < b.first; });
-    IndexRecord index;
-    index.blockSize = context_->blockSize;
-    for (auto& item : byAge)
-        index.entries.push_back(std::move(item.second));
-    std::string error;
-    if (!ReplaceFileContent(dir_ + "/index", EncodeIndexRecord(index), durable, &error)) {
-        Log(LL_ERROR, "[CACHE] %s", error.c_str());
-        return false;
-    }
-    return true;
+    return index_->SaveLastUses(uses, true);
 }
 
 void DiskCache::Log(LOGLEVEL level, const char* format, ...) const {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -12,11 +13,13 @@
 #include <unordered_map>
 #include <vector>
 
+#include "common/status.h"
 #include "libfilesystem/async.h"
 #include "libfilesystem/cache.h"
 #include "libfilesystem/log.h"
 #include "services/cache_context.h"
 #include "services/cache_entry.h"
+#include "services/cache_index.h"
 #include "services/dir_lock.h"
 
 struct DiskCacheOptions {
@@ -28,26 +31,37 @@ struct DiskCacheOptions {
 
 // Layout of the cache folder:
 //   lock              held with flock while a cache uses the folder
-//   index             the entries, least recently used first
+//   index.db          the entries' rows (key, size, block map, origin, last
+//                     use): an SQLite database in WAL mode (CacheIndex)
 //   data/<name>.data  the sparse copy of one file
-//   data/<name>.map   its key, size and block map
 // Entry names derive from a hash of the key and never change, so a rekey only
-// rewrites the entry's .map file, in one atomic rename.
+// updates the entry's row. A folder of an older version, with a text record
+// per entry (data/<name>.map), has them imported into the index at start.
 //
 // When the cache holds more than its limit, closed entries without written
 // data go, least recently used first. Entries holding written data that was
 // not committed are never evicted; the cache grows past its limit for them
-// and logs a warning.
+// and logs a warning. When the folder's disk is full, a write first evicts
+// closed clean entries to make room and is tried once more; if it still does
+// not fit it fails with CACHE_TOO_SMALL (ENOSPC on the volume), changing
+// nothing, and the log says once that the folder is full.
+//
+// ICacheObj::Sync makes an entry durable: its data file is synced, then the
+// data folder when files were created in it, then its row is committed
+// durably. It does nothing when nothing changed since the last durable save.
+// Other changes of rows (closes, commits, origins, evictions) are committed
+// without waiting for the disk: they survive a crash of skarvo, and a power
+// cut once a later sync point or checkpoint passed.
 class DiskCache : public ICacheService, public std::enable_shared_from_this<DiskCache> {
   public:
-    // Opens, or creates, the cache in `dir` and restores what it held. Null,
-    // with the reason in *error, when the folder cannot be used, among others
-    // when another process (or another cache in this one) uses it. `queue`
-    // runs read-ahead (none without it) and must outlive the cache; `log` may
-    // be null.
-    static std::shared_ptr<DiskCache> Create(const std::string& dir, uint64_t maxBytes,
-                                             IAsyncQ* queue, ILog* log, std::string* error,
-                                             const DiskCacheOptions& options = DiskCacheOptions());
+    // Opens, or creates, the cache in `dir`, restores what it held and puts
+    // it in *created. Fails, saying why, when the folder cannot be used,
+    // among others when another process (or another cache in this one) uses
+    // it. `queue` runs read-ahead (none without it) and must outlive the
+    // cache; `log` may be null.
+    static Status Create(const std::string& dir, uint64_t maxBytes, IAsyncQ* queue, ILog* log,
+                         std::shared_ptr<DiskCache>* created,
+                         const DiskCacheOptions& options = DiskCacheOptions());
     // Waits for read-ahead to end and saves everything. Objects still held
     // fail with CACHE_NOT_OPENED afterwards.
     ~DiskCache() override;
@@ -63,21 +77,52 @@ class DiskCache : public ICacheService, public std::enable_shared_from_this<Disk
                                     IFetch* fetcher) override;
     void Close(const char* key) override;
     AERROR Rekey(const char* oldKey, const char* newKey, const char* extra) override;
+    // Kept in the entry's record, with the remote named by its identity
+    // (SetRemoteIdentities); notes of unknown keys are ignored. A closed
+    // entry holding written data that is noted to belong nowhere (an empty
+    // path: its file was deleted) is removed at once.
+    void NoteOrigin(const char* key, const _CACHE_ORIGIN* origin) override;
+
+    // The identities under which the remotes of the volume are recorded.
+    // Set before the library can note origins.
+    void SetRemoteIdentities(std::map<const IProtocol_V2*, std::string> identities);
 
     uint32_t BlockSize() const { return context_->blockSize; }
     size_t EntryCount() const;
-    // Keys of the entries holding written data not yet committed.
-    std::vector<std::string> UnsentKeys() const;
+    // An entry holding written data not yet committed.
+    struct Unsent {
+        std::string key;
+        EntryOrigin origin;
+        int64_t size = 0;    // of the file
+        uint64_t bytes = 0;  // written and not committed
+    };
+    // Every such entry, by key.
+    std::vector<Unsent> UnsentEntries() const;
 
   private:
     DiskCache(std::string dir, uint64_t maxBytes, std::shared_ptr<CacheContext> context,
-              std::unique_ptr<DirLock> lock);
+              std::unique_ptr<DirLock> lock, std::unique_ptr<CacheIndex> index);
 
-    void Restore();
+    // Takes up the entries a previous run left in the folder, leaving the
+    // data of the `kept` names alone.
+    void Restore(const std::set<std::string>& kept);
+    // Takes up the entry of `record` (whose data file must be among
+    // `dataFiles`), adds its name to *dropped when its data is gone, or
+    // leaves a row it cannot use alone.
+    void RestoreEntryLocked(const EntryRecord& record, const std::set<std::string>& dataFiles,
+                            std::vector<std::string>* dropped);
     void Trim(bool released);
+    // Evicts closed clean entries, least recently used first, until about
+    // `bytes` were freed; true when any went.
+    bool MakeRoom(uint64_t bytes);
+    // Evicts idle entries, least recently used first, until `enough` says
+    // so; true when any went.
+    template <typename Enough>
+    bool EvictLocked(Enough&& enough);
     CacheEntry::Files FilesFor(const std::string& name) const;
     std::string NewNameLocked(const std::string& key) const;
-    bool SaveIndexLocked(bool durable);
+    // Saves every entry's last use, durably.
+    AERROR SaveLastUsesLocked();
     void Log(LOGLEVEL level, const char* format, ...) const __attribute__((format(printf, 3, 4)));
 
     const std::string dir_;
@@ -85,6 +130,7 @@ class DiskCache : public ICacheService, public std::enable_shared_from_this<Disk
     const uint64_t maxBytes_;
     const std::shared_ptr<CacheContext> context_;
     const std::unique_ptr<DirLock> lock_;
+    const std::unique_ptr<CacheIndex> index_;  // outlives the entries, which use it
 
     // Closes and commits, after which entries may have become evictable.
     std::atomic<uint64_t> releases_{0};
@@ -92,7 +138,8 @@ class DiskCache : public ICacheService, public std::enable_shared_from_this<Disk
 
     mutable std::mutex mutex_;  // taken before any entry's own lock
     std::unordered_map<std::string, std::shared_ptr<CacheEntry>> entries_;  // by key
-    std::set<std::string> names_;            // of entries, and of files that could not be read
+    std::set<std::string> names_;  // of entries, and of files that could not be read
+    std::map<const IProtocol_V2*, std::string> identities_;
     uint64_t fruitlessTrimAt_ = UINT64_MAX;  // releases_ when a trim last found nothing
     bool stopped_ = false;
 };

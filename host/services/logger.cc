@@ -11,6 +11,8 @@
 #include <ctime>
 #include <vector>
 
+#include "libfilesystem/unique_fd.h"
+
 namespace {
 
 struct LevelWord {
@@ -60,14 +62,12 @@ Logger::Logger(LOGLEVEL minimum) : Logger(STDERR_FILENO, false, minimum) {}
 Logger::Logger(int fd, bool ownsFd, LOGLEVEL minimum)
     : minimum_(minimum), fd_(fd), ownsFd_(ownsFd) {}
 
-std::unique_ptr<Logger> Logger::OpenFile(const std::string& path, LOGLEVEL minimum,
-                                         std::string* error) {
+Status Logger::OpenFile(const std::string& path, LOGLEVEL minimum,
+                        std::unique_ptr<Logger>* logger) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        if (error != nullptr) *error = "cannot open log file " + path + ": " + strerror(errno);
-        return nullptr;
-    }
-    return std::unique_ptr<Logger>(new Logger(fd, true, minimum));
+    if (fd < 0) return Status::Error("cannot open log file " + path + ": " + strerror(errno));
+    logger->reset(new Logger(fd, true, minimum));
+    return Status::Ok();
 }
 
 Logger::~Logger() {
@@ -122,13 +122,5 @@ void Logger::LogV(LOGLEVEL level, const char* format, va_list args) {
 
 void Logger::WriteLine(const char* data, size_t size) {
     std::lock_guard<std::mutex> lock(writeMutex_);
-    while (size > 0) {
-        const ssize_t done = write(fd_, data, size);
-        if (done < 0) {
-            if (errno == EINTR) continue;
-            return;  // nowhere left to report a failing log
-        }
-        data += done;
-        size -= static_cast<size_t>(done);
-    }
+    WriteAll(fd_, data, size);  // nowhere left to report a failing log
 }

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "common/status.h"
 #include "libfilesystem/log.h"
 
 // Reads "debug", "info", "warning", "error" or "critical" (any case) into
@@ -25,10 +26,10 @@ class Logger : public ILog {
   public:
     // Writes to standard error.
     explicit Logger(LOGLEVEL minimum = LL_INFO);
-    // Appends to the file at `path`, creating it when missing. Null, with the
-    // reason in *error (when given), when the file cannot be opened.
-    static std::unique_ptr<Logger> OpenFile(const std::string& path, LOGLEVEL minimum,
-                                            std::string* error);
+    // A logger in *logger that appends to the file at `path`, creating it
+    // when missing. Fails, saying why, when the file cannot be opened.
+    static Status OpenFile(const std::string& path, LOGLEVEL minimum,
+                           std::unique_ptr<Logger>* logger);
     ~Logger() override;
 
     Logger(const Logger&) = delete;
