@@ -36,19 +36,16 @@ ChangeWatcher::~ChangeWatcher() {
     Stop();
 }
 
-std::unique_ptr<ChangeWatcher> ChangeWatcher::Start(std::shared_ptr<const LocalPaths> paths,
-                                                    std::string* error) {
-    auto fail = [&](const std::string& text) {
-        if (error != nullptr) *error = text;
-        return nullptr;
-    };
+Status ChangeWatcher::Start(std::shared_ptr<const LocalPaths> paths,
+                            std::unique_ptr<ChangeWatcher>* started) {
+    auto fail = [](const std::string& text) { return Status::Error(text); };
     UniqueFd inotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     if (!inotify.Valid()) return fail("inotify is not available: " + ErrnoText(errno));
     UniqueFd wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (!wake.Valid()) return fail("eventfd failed: " + ErrnoText(errno));
     UniqueFd root;
-    LocalStatus status = paths->OpenFolder(kLocalRootKey, FILE_NOT_FOUND, &root);
-    if (!status.ok()) return fail(status.text);
+    Status status = paths->OpenFolder(kLocalRootKey, FILE_NOT_FOUND, &root);
+    if (!status.ok()) return status;
 
     std::unique_ptr<ChangeWatcher> watcher(
         new ChangeWatcher(paths, std::move(inotify), std::move(wake)));
@@ -61,7 +58,8 @@ std::unique_ptr<ChangeWatcher> ChangeWatcher::Start(std::shared_ptr<const LocalP
     } catch (const std::system_error& e) {
         return fail(std::string("cannot start the change watcher: ") + e.what());
     }
-    return watcher;
+    *started = std::move(watcher);
+    return Status::Ok();
 }
 
 void ChangeWatcher::Stop() {

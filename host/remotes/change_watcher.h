@@ -31,17 +31,17 @@
 #include <vector>
 
 #include "libfilesystem/protocol.h"
+#include "libfilesystem/unique_fd.h"
 #include "remotes/local_paths.h"
 #include "remotes/own_changes.h"
-#include "remotes/unique_fd.h"
 
 class ChangeWatcher {
   public:
     // Watches the whole tree (synchronously, so that changes made after the
-    // return are seen) and starts the thread. Null, with a text in *error,
-    // when inotify cannot be used.
-    static std::unique_ptr<ChangeWatcher> Start(std::shared_ptr<const LocalPaths> paths,
-                                                std::string* error);
+    // return are seen) and starts the thread, into *started. Fails, saying
+    // why, when inotify cannot be used.
+    static Status Start(std::shared_ptr<const LocalPaths> paths,
+                        std::unique_ptr<ChangeWatcher>* started);
     ~ChangeWatcher();
     ChangeWatcher(const ChangeWatcher&) = delete;
     ChangeWatcher& operator=(const ChangeWatcher&) = delete;

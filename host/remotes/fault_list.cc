@@ -21,111 +21,137 @@ std::string OpNames() {
 }
 
 // The operations `name` covers: one, or every one for "all".
-bool ParseOps(const std::string& name, std::vector<FaultOp>* ops, std::string* error) {
+Status ParseOps(const std::string& name, std::vector<FaultOp>* ops) {
     for (size_t i = 0; i < kFaultOpCount; ++i) {
         if (name == kOpNames[i] || name == "all") ops->push_back(static_cast<FaultOp>(i));
     }
-    if (!ops->empty()) return true;
-    *error = "unknown operation '" + name + "' (known: " + OpNames() + ")";
-    return false;
+    if (!ops->empty()) return Status::Ok();
+    return Status::Error("unknown operation '" + name + "' (known: " + OpNames() + ")");
 }
 
 // A failure code by its name, as GetAERRORA spells it.
-bool ParseErrorName(const std::string& name, AERROR* code, std::string* error) {
+Status ParseErrorName(const std::string& name, AERROR* code) {
     for (int value = 1; value <= kLastErrorCode && !name.empty(); ++value) {
         if (name == GetAERRORA(static_cast<AERROR>(value))) {
             *code = static_cast<AERROR>(value);
-            return true;
+            return Status::Ok();
         }
     }
-    *error = "unknown error name '" + name + "' (e.g. SOCK_TIMEOUT, SOCK_CONNECTION_REFUSED)";
-    return false;
+    return Status::Error("unknown error name '" + name +
+                         "' (e.g. SOCK_TIMEOUT, SOCK_CONNECTION_REFUSED)");
 }
 
-bool ParseFraction(const std::string& text, double* fraction, std::string* error) {
+Status ParseFraction(const std::string& text, double* fraction) {
     char* end = nullptr;
     const double value = text.empty() ? -1 : strtod(text.c_str(), &end);
     if (end == nullptr || *end != '\0' || !(value >= 0 && value <= 1)) {
-        *error = "'" + text + "' is not a fraction from 0 to 1";
-        return false;
+        return Status::Error("'" + text + "' is not a fraction from 0 to 1");
     }
     *fraction = value;
-    return true;
+    return Status::Ok();
+}
+
+// A whole number that starts `text`, and the unit text after it; false when
+// `text` does not start with a digit or the number does not fit.
+bool ReadNumber(const std::string& text, unsigned long long* value, std::string* unit) {
+    if (text.empty() || text[0] < '0' || text[0] > '9') return false;
+    char* end = nullptr;
+    errno = 0;
+    *value = strtoull(text.c_str(), &end, 10);
+    *unit = end;
+    return errno == 0;
 }
 
 // "250ms" or "2s".
-bool ParseDuration(const std::string& text, std::chrono::milliseconds* duration,
-                   std::string* error) {
-    char* end = nullptr;
-    errno = 0;
-    const bool digits = !text.empty() && text[0] >= '0' && text[0] <= '9';
-    const unsigned long long value = digits ? strtoull(text.c_str(), &end, 10) : 0;
-    const std::string unit = end != nullptr ? end : "";
+Status ParseDuration(const std::string& text, std::chrono::milliseconds* duration) {
+    unsigned long long value = 0;
+    std::string unit;
     const auto limit = static_cast<unsigned long long>(kMaxLatency.count());
-    if (errno == 0 && digits && (unit == "ms" || unit == "s") && value <= limit) {
+    if (ReadNumber(text, &value, &unit) && (unit == "ms" || unit == "s") && value <= limit) {
         const std::chrono::milliseconds parsed(unit == "s" ? value * 1000 : value);
         if (parsed <= kMaxLatency) {
             *duration = parsed;
-            return true;
+            return Status::Ok();
         }
     }
-    *error = "'" + text + "' is not a duration such as 20ms or 2s (at most an hour)";
-    return false;
+    return Status::Error("'" + text + "' is not a duration such as 20ms or 2s (at most an hour)");
 }
 
-bool ParseSeed(const std::string& text, uint64_t* seed, std::string* error) {
-    char* end = nullptr;
-    errno = 0;
-    const bool digits = !text.empty() && text[0] >= '0' && text[0] <= '9';
-    const unsigned long long value = digits ? strtoull(text.c_str(), &end, 10) : 0;
-    if (!digits || errno != 0 || *end != '\0') {
-        *error = "seed '" + text + "' is not a whole number";
-        return false;
+Status ParseSeed(const std::string& text, uint64_t* seed) {
+    unsigned long long value = 0;
+    std::string unit;
+    if (!ReadNumber(text, &value, &unit) || !unit.empty()) {
+        return Status::Error("seed '" + text + "' is not a whole number");
     }
     *seed = value;
-    return true;
+    return Status::Ok();
+}
+
+// "4096", "256k" or "2m": bytes, KiB or MiB, at least one byte.
+Status ParseRate(const std::string& text, uint64_t* rate) {
+    unsigned long long value = 0;
+    std::string unit;
+    const bool number = ReadNumber(text, &value, &unit);
+    const int shift = unit.empty()                 ? 0
+                      : unit == "k" || unit == "K" ? 10
+                      : unit == "m" || unit == "M" ? 20
+                                                   : -1;
+    if (!number || shift < 0 || value == 0 || value > (1ull << 40)) {
+        return Status::Error("'" + text +
+                             "' is not a rate such as 4096, 256k or 2m (bytes a second)");
+    }
+    *rate = value << shift;
+    return Status::Ok();
 }
 
 // "OP:VALUE" or "VALUE": the operations (all when none is named) and the value.
-bool SplitOpValue(const std::string& text, std::vector<FaultOp>* ops, std::string* value,
-                  std::string* error) {
+Status SplitOpValue(const std::string& text, std::vector<FaultOp>* ops, std::string* value) {
     const size_t colon = text.find(':');
     *value = colon == std::string::npos ? text : text.substr(colon + 1);
-    return ParseOps(colon == std::string::npos ? "all" : text.substr(0, colon), ops, error);
+    return ParseOps(colon == std::string::npos ? "all" : text.substr(0, colon), ops);
 }
 
-bool ApplyItem(const std::string& name, const std::string& value, FaultList* faults,
-               std::string* error) {
+Status ApplyItem(const std::string& name, const std::string& value, FaultList* faults) {
     std::vector<FaultOp> ops;
-    if (name == "seed") return ParseSeed(value, &faults->seed, error);
+    if (name == "seed") return ParseSeed(value, &faults->seed);
+    if (name == "rate") return ParseRate(value, &faults->uploadRate);
+    if (name == "switch") {
+        faults->switchFile = value;
+        if (!value.empty()) return Status::Ok();
+        return Status::Error("switch needs the path of a file");
+    }
     if (name == "hang") {
-        if (!ParseOps(value, &ops, error)) return false;
+        if (const Status failed = ParseOps(value, &ops); !failed.ok()) return failed;
         for (FaultOp op : ops)
             faults->ops[static_cast<size_t>(op)].hang = true;
-        return true;
+        return Status::Ok();
     }
     if (name == "latency") {
         std::string duration;
         std::chrono::milliseconds latency{0};
-        if (!SplitOpValue(value, &ops, &duration, error)) return false;
-        if (!ParseDuration(duration, &latency, error)) return false;
+        if (const Status failed = SplitOpValue(value, &ops, &duration); !failed.ok()) return failed;
+        if (const Status failed = ParseDuration(duration, &latency); !failed.ok()) return failed;
         for (FaultOp op : ops)
             faults->ops[static_cast<size_t>(op)].latency = latency;
-        return true;
+        return Status::Ok();
     }
-    if (!ParseOps(name, &ops, error)) return false;
+    if (const Status failed = ParseOps(name, &ops); !failed.ok()) return failed;
     const size_t colon = value.find(':');
     double fraction = 0;
     AERROR code = OpFaults().error;
-    if (!ParseFraction(value.substr(0, colon), &fraction, error)) return false;
-    if (colon != std::string::npos && !ParseErrorName(value.substr(colon + 1), &code, error)) {
-        return false;
+    if (const Status failed = ParseFraction(value.substr(0, colon), &fraction); !failed.ok()) {
+        return failed;
+    }
+    if (colon != std::string::npos) {
+        if (const Status failed = ParseErrorName(value.substr(colon + 1), &code); !failed.ok()) {
+            return failed;
+        }
     }
     for (FaultOp op : ops) {
         faults->ops[static_cast<size_t>(op)].fraction = fraction;
         faults->ops[static_cast<size_t>(op)].error = code;
     }
-    return true;
+    return Status::Ok();
 }
 
 }  // namespace
@@ -135,7 +161,7 @@ const char* FaultOpName(FaultOp op) {
     return index < kFaultOpCount ? kOpNames[index] : "?";
 }
 
-bool ParseFaultList(const std::string& text, FaultList* faults, std::string* error) {
+Status ParseFaultList(const std::string& text, FaultList* faults) {
     FaultList parsed;
     parsed.text = text;
     size_t start = 0;
@@ -145,16 +171,19 @@ bool ParseFaultList(const std::string& text, FaultList* faults, std::string* err
         const std::string item = text.substr(start, comma - start);
         start = comma + 1;
         const size_t equals = item.find('=');
-        std::string why = "it must look like OP=FRACTION, latency=DURATION, hang=OP or seed=N";
-        if (equals != std::string::npos && equals > 0 &&
-            ApplyItem(item.substr(0, equals), item.substr(equals + 1), &parsed, &why)) {
-            continue;
+        std::string why =
+            "it must look like OP=FRACTION, latency=DURATION, hang=OP, seed=N, rate=SIZE or "
+            "switch=PATH";
+        if (equals != std::string::npos && equals > 0) {
+            const Status applied =
+                ApplyItem(item.substr(0, equals), item.substr(equals + 1), &parsed);
+            if (applied.ok()) continue;
+            why = applied.message();
         }
-        *error = "fault item '" + item + "' in '" + text + "': " + why;
-        return false;
+        return Status::Error("fault item '" + item + "' in '" + text + "': " + why);
     }
     *faults = std::move(parsed);
-    return true;
+    return Status::Ok();
 }
 
 bool SplitFaultLocation(const std::string& location,

@@ -9,6 +9,9 @@
 //   hang=OP                every call of OP hangs until the remote time-out,
 //                          then fails with SOCK_TIMEOUT
 //   seed=N                 seeds the draws (default 1), so a run repeats
+//   rate=SIZE              uploads read their data at most SIZE bytes a
+//                          second ("256k", "1m"), as over a slow link
+//   switch=PATH            the faults apply only while the file PATH exists
 // OP is one of list, get, download, upload, mkdir, delete, rename, move,
 // changes, quota, settime, or all of them as "all".
 #ifndef SKARVO_REMOTES_FAULT_LIST_H_
@@ -20,6 +23,7 @@
 #include <functional>
 #include <string>
 
+#include "common/status.h"
 #include "libfilesystem/aerror.h"
 
 // The operations faults are injected into, by the protocol calls they cover.
@@ -52,13 +56,15 @@ struct OpFaults {
 struct FaultList {
     std::array<OpFaults, kFaultOpCount> ops;
     uint64_t seed = 1;
-    std::string text;  // as written
+    uint64_t uploadRate = 0;  // bytes a second; 0: unlimited
+    std::string switchFile;   // empty: always on
+    std::string text;         // as written
 
     const OpFaults& Of(FaultOp op) const { return ops[static_cast<size_t>(op)]; }
 };
 
-// Parses FAULTS. False, with one line naming the bad item in *error.
-bool ParseFaultList(const std::string& text, FaultList* faults, std::string* error);
+// Parses FAULTS. Fails with one line naming the bad item.
+Status ParseFaultList(const std::string& text, FaultList* faults);
 
 // Splits "FAULTS:REMOTE" where REMOTE begins: at the first colon followed by
 // a name for which `isScheme` is true and another colon (error names, which

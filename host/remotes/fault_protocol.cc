@@ -1,5 +1,7 @@
 #include "remotes/fault_protocol.h"
 
+#include <unistd.h>
+
 #include <cstring>
 #include <utility>
 
@@ -29,7 +31,12 @@ FaultProtocol::FaultProtocol(std::shared_ptr<IProtocol_V2> wrapped, FaultList fa
 
 FaultProtocol::~FaultProtocol() = default;
 
+bool FaultProtocol::Active() const {
+    return faults_.switchFile.empty() || access(faults_.switchFile.c_str(), F_OK) == 0;
+}
+
 AERROR FaultProtocol::Delay(FaultOp op, const char* key, void** cookie) {
+    if (!Active()) return SUCCESS;
     const OpFaults& faults = faults_.Of(op);
     if (faults.latency.count() > 0) stop_->WaitFor(faults.latency);
     if (!faults.hang) return SUCCESS;
@@ -41,7 +48,7 @@ AERROR FaultProtocol::Delay(FaultOp op, const char* key, void** cookie) {
 AERROR FaultProtocol::Before(FaultOp op, const char* key, void** cookie) {
     if (const AERROR delayed = Delay(op, key, cookie)) return delayed;
     const OpFaults& faults = faults_.Of(op);
-    if (!draws_.Hit(op, faults.fraction)) return SUCCESS;
+    if (!Active() || !draws_.Hit(op, faults.fraction)) return SUCCESS;
     return Inject(op, key, "failed", faults.error, cookie);
 }
 
@@ -174,8 +181,10 @@ AERROR FaultProtocol::UploadItem(const char* parentKey, std::shared_ptr<_FS_HAND
     if (key.empty() || key.back() != '/') key += '/';
     if (record != nullptr) key += record->name;
     if (const AERROR delayed = Delay(FaultOp::kUpload, key.c_str(), cookie)) return delayed;
+    SlowSource slow(source, faults_.uploadRate);
+    if (source != nullptr && faults_.uploadRate > 0 && Active()) source = &slow;
     const OpFaults& faults = faults_.Of(FaultOp::kUpload);
-    if (!draws_.Hit(FaultOp::kUpload, faults.fraction)) {
+    if (!Active() || !draws_.Hit(FaultOp::kUpload, faults.fraction)) {
         return wrapped_->UploadItem(parentKey, std::move(handle), source, record, progress, cookie);
     }
     // Even draws fail at once, odd ones part-way through the file.

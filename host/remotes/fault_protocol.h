@@ -87,6 +87,8 @@ class FaultProtocol : public IProtocol_V2 {
     // drawn failure: SUCCESS when the call is to be forwarded.
     AERROR Before(FaultOp op, const char* key, void** cookie);
     // The latency and hang only.
+    // Whether the faults apply now (see FaultList::switchFile).
+    bool Active() const;
     AERROR Delay(FaultOp op, const char* key, void** cookie);
     // Fails `op` on `key` with `code`, `how` saying more ("hung until the
     // time-out"); logs it and stores an error object saying it in *cookie.

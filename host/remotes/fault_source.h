@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include <chrono>
+
 #include "libfilesystem/cache.h"
 
 class CutSource : public ICacheIO {
@@ -22,6 +24,23 @@ class CutSource : public ICacheIO {
     ICacheIO* const source_;
     const int64_t cutoff_;
     const AERROR code_;
+};
+
+// An upload source that gives out at most `rate` bytes a second, as over a
+// slow link, until the upload ends or its source fails (a cancelled upload).
+class SlowSource : public ICacheIO {
+  public:
+    SlowSource(ICacheIO* source, uint64_t rate)
+        : source_(source), rate_(rate), start_(std::chrono::steady_clock::now()) {}
+
+    AERROR Read(_READDATA* request) override;
+    AERROR Write(_WRITEDATA* request) override { return source_->Write(request); }
+
+  private:
+    ICacheIO* const source_;
+    const uint64_t rate_;
+    const std::chrono::steady_clock::time_point start_;
+    uint64_t given_ = 0;
 };
 
 #endif  // SKARVO_REMOTES_FAULT_SOURCE_H_

@@ -1,10 +1,13 @@
 #include "remotes/local_paths.h"
 
+#include "libfilesystem/unique_fd.h"
+
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -30,14 +33,19 @@ bool SplitKey(const std::string& key, std::vector<std::string>* names) {
     }
 }
 
-LocalStatus InvalidKey(const std::string& key) {
-    return LocalStatus::Error(INVALID_NAME, "invalid key \"" + key + "\"");
+Status InvalidKey(const std::string& key) {
+    return Status::Error(INVALID_NAME, "invalid key \"" + key + "\"");
 }
 
 }  // namespace
 
 bool IsTemporaryName(std::string_view name) {
     return name.substr(0, sizeof kTemporaryPrefix - 1) == kTemporaryPrefix;
+}
+
+void RemoveAbandonedTemporary(int dirfd, const std::string& name) {
+    UniqueFd fd(openat(dirfd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (fd.Valid() && flock(fd.Get(), LOCK_EX | LOCK_NB) == 0) unlinkat(dirfd, name.c_str(), 0);
 }
 
 bool IsValidItemName(std::string_view name) {
@@ -63,10 +71,9 @@ bool IsSameOrBelow(const std::string& key, const std::string& ancestor) {
             key[ancestor.size()] == '/');
 }
 
-std::shared_ptr<LocalPaths> LocalPaths::Open(const std::string& path, std::string* error) {
+Status LocalPaths::Open(const std::string& path, std::shared_ptr<LocalPaths>* opened) {
     auto fail = [&](const std::string& text) {
-        if (error != nullptr) *error = "remote folder " + path + " " + text;
-        return nullptr;
+        return Status::Error("remote folder " + path + " " + text);
     };
     if (path.empty()) return fail("is not given");
     char* resolved = realpath(path.c_str(), nullptr);
@@ -86,97 +93,95 @@ std::shared_ptr<LocalPaths> LocalPaths::Open(const std::string& path, std::strin
     }
     UniqueFd fd(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd.Valid()) return fail("cannot be opened: " + ErrnoText(errno));
-    return std::shared_ptr<LocalPaths>(new LocalPaths(std::move(root), std::move(fd)));
+    opened->reset(new LocalPaths(std::move(root), std::move(fd)));
+    return Status::Ok();
 }
 
-LocalStatus LocalPaths::Walk(const std::vector<std::string>& names, size_t count,
-                             const std::string& key, AERROR missingLast, UniqueFd* out) const {
+Status LocalPaths::Walk(const std::vector<std::string>& names, size_t count, const std::string& key,
+                        AERROR missingLast, UniqueFd* out) const {
     UniqueFd dir(openat(rootFd_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dir.Valid()) return LocalStatus::FromErrno(errno, root_);
+    if (!dir.Valid()) return Status::FromErrno(errno, root_);
     for (size_t i = 0; i < count; ++i) {
         const bool last = i + 1 == count;
         UniqueFd next;
-        LocalStatus status =
-            OpenSubfolder(dir.Get(), names[i], key, last ? missingLast : PATH_NOT_FOUND,
-                          last ? INVALID_DIRECTORY : PATH_NOT_FOUND, &next);
+        Status status = OpenSubfolder(dir.Get(), names[i], key, last ? missingLast : PATH_NOT_FOUND,
+                                      last ? INVALID_DIRECTORY : PATH_NOT_FOUND, &next);
         if (!status.ok()) return status;
         dir = std::move(next);
     }
     *out = std::move(dir);
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
-LocalStatus LocalPaths::OpenFolder(const std::string& key, AERROR missing, UniqueFd* out) const {
+Status LocalPaths::OpenFolder(const std::string& key, AERROR missing, UniqueFd* out) const {
     std::vector<std::string> names;
     if (!SplitKey(key, &names)) return InvalidKey(key);
     return Walk(names, names.size(), key, missing, out);
 }
 
-LocalStatus LocalPaths::OpenParent(const std::string& key, UniqueFd* parent,
-                                   std::string* name) const {
+Status LocalPaths::OpenParent(const std::string& key, UniqueFd* parent, std::string* name) const {
     std::vector<std::string> names;
     if (!SplitKey(key, &names)) return InvalidKey(key);
     if (names.empty()) {
-        return LocalStatus::Error(ACCESS_DENIED, "the root folder cannot be changed this way");
+        return Status::Error(ACCESS_DENIED, "the root folder cannot be changed this way");
     }
-    LocalStatus status = Walk(names, names.size() - 1, key, PATH_NOT_FOUND, parent);
+    Status status = Walk(names, names.size() - 1, key, PATH_NOT_FOUND, parent);
     if (status.ok()) *name = names.back();
     return status;
 }
 
-LocalStatus LocalPaths::StatKey(const std::string& key, struct stat* st) const {
+Status LocalPaths::StatKey(const std::string& key, struct stat* st) const {
     if (key == kLocalRootKey) {
-        if (fstat(rootFd_.Get(), st) != 0) return LocalStatus::FromErrno(errno, root_);
-        return LocalStatus::Ok();
+        if (fstat(rootFd_.Get(), st) != 0) return Status::FromErrno(errno, root_);
+        return Status::Ok();
     }
     UniqueFd parent;
     std::string name;
-    LocalStatus status = OpenParent(key, &parent, &name);
+    Status status = OpenParent(key, &parent, &name);
     if (!status.ok()) return status;
     return StatItem(parent.Get(), name, key, st);
 }
 
-LocalStatus LocalPaths::StatItem(int dirfd, const std::string& name, const std::string& key,
-                                 struct stat* st) {
+Status LocalPaths::StatItem(int dirfd, const std::string& name, const std::string& key,
+                            struct stat* st) {
     if (fstatat(dirfd, name.c_str(), st, AT_SYMLINK_NOFOLLOW) != 0) {
-        return LocalStatus::FromErrno(errno, key);
+        return Status::FromErrno(errno, key);
     }
     if (S_ISLNK(st->st_mode)) {
-        return LocalStatus::Error(ACCESS_DENIED, key + ": symbolic links are not followed");
+        return Status::Error(ACCESS_DENIED, key + ": symbolic links are not followed");
     }
     if (!S_ISREG(st->st_mode) && !S_ISDIR(st->st_mode)) {
-        return LocalStatus::Error(ACCESS_DENIED, key + ": not a regular file or folder");
+        return Status::Error(ACCESS_DENIED, key + ": not a regular file or folder");
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
-LocalStatus LocalPaths::OpenSubfolder(int dirfd, const std::string& name, const std::string& key,
-                                      AERROR missing, AERROR notFolder, UniqueFd* out) {
+Status LocalPaths::OpenSubfolder(int dirfd, const std::string& name, const std::string& key,
+                                 AERROR missing, AERROR notFolder, UniqueFd* out) {
     UniqueFd fd(openat(dirfd, name.c_str(), kFolderFlags));
     if (fd.Valid()) {
         *out = std::move(fd);
-        return LocalStatus::Ok();
+        return Status::Ok();
     }
     const int err = errno;
-    if (err == ENOENT) return LocalStatus::Error(missing, key + ": " + ErrnoText(err));
+    if (err == ENOENT) return Status::Error(missing, key + ": " + ErrnoText(err));
     if (err == ENOTDIR || err == ELOOP) {
         // O_NOFOLLOW | O_DIRECTORY on a link fails with either; tell them apart.
         struct stat st {};
         if (fstatat(dirfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)) {
-            return LocalStatus::Error(ACCESS_DENIED, key + ": symbolic links are not followed");
+            return Status::Error(ACCESS_DENIED, key + ": symbolic links are not followed");
         }
-        return LocalStatus::Error(notFolder, key + ": " + ErrnoText(ENOTDIR));
+        return Status::Error(notFolder, key + ": " + ErrnoText(ENOTDIR));
     }
-    return LocalStatus::FromErrno(err, key);
+    return Status::FromErrno(err, key);
 }
 
-LocalStatus LocalPaths::ReadNames(int dirfd, const std::string& key,
-                                  std::vector<std::string>* names) {
+Status LocalPaths::ReadNames(int dirfd, const std::string& key, std::vector<std::string>* names) {
     // A descriptor of its own, so that the read position is not shared.
     UniqueFd fd(openat(dirfd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!fd.Valid()) return LocalStatus::FromErrno(errno, key);
+    if (!fd.Valid()) return Status::FromErrno(errno, key);
     DIR* dir = fdopendir(fd.Get());
-    if (dir == nullptr) return LocalStatus::FromErrno(errno, key);
+    if (dir == nullptr) return Status::FromErrno(errno, key);
     fd.Release();  // closedir closes it
     names->clear();
     int err = 0;
@@ -191,17 +196,17 @@ LocalStatus LocalPaths::ReadNames(int dirfd, const std::string& key,
         names->emplace_back(entry->d_name);
     }
     closedir(dir);
-    if (err != 0) return LocalStatus::FromErrno(err, key);
-    return LocalStatus::Ok();
+    if (err != 0) return Status::FromErrno(err, key);
+    return Status::Ok();
 }
 
-LocalStatus LocalPaths::ReadItems(int dirfd, const std::string& key,
-                                  std::vector<LocalEntry>* items) {
+Status LocalPaths::ReadItems(int dirfd, const std::string& key, std::vector<LocalEntry>* items) {
     std::vector<std::string> names;
-    LocalStatus status = ReadNames(dirfd, key, &names);
+    Status status = ReadNames(dirfd, key, &names);
     if (!status.ok()) return status;
     items->clear();
     for (std::string& name : names) {
+        if (IsTemporaryName(name)) RemoveAbandonedTemporary(dirfd, name);
         if (!IsValidItemName(name)) continue;
         LocalEntry entry;
         if (fstatat(dirfd, name.c_str(), &entry.st, AT_SYMLINK_NOFOLLOW) != 0) continue;
@@ -209,12 +214,12 @@ LocalStatus LocalPaths::ReadItems(int dirfd, const std::string& key,
         entry.name = std::move(name);
         items->push_back(std::move(entry));
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
-LocalStatus LocalPaths::RemoveTree(int dirfd, const std::string& name, const std::string& key) {
+Status LocalPaths::RemoveTree(int dirfd, const std::string& name, const std::string& key) {
     UniqueFd dir;
-    LocalStatus status = OpenSubfolder(dirfd, name, key, FILE_NOT_FOUND, INVALID_PARAMETER, &dir);
+    Status status = OpenSubfolder(dirfd, name, key, FILE_NOT_FOUND, INVALID_PARAMETER, &dir);
     if (!status.ok()) return status;
     std::vector<std::string> names;
     status = ReadNames(dir.Get(), key, &names);
@@ -224,18 +229,18 @@ LocalStatus LocalPaths::RemoveTree(int dirfd, const std::string& name, const std
         struct stat st {};
         if (fstatat(dir.Get(), child.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno == ENOENT) continue;
-            return LocalStatus::FromErrno(errno, childKey);
+            return Status::FromErrno(errno, childKey);
         }
         if (S_ISDIR(st.st_mode)) {
             status = RemoveTree(dir.Get(), child, childKey);
-            if (!status.ok() && status.code != FILE_NOT_FOUND) return status;
+            if (!status.ok() && status.code() != FILE_NOT_FOUND) return status;
         } else if (unlinkat(dir.Get(), child.c_str(), 0) != 0 && errno != ENOENT) {
-            return LocalStatus::FromErrno(errno, childKey);
+            return Status::FromErrno(errno, childKey);
         }
     }
     dir.Reset();
     if (unlinkat(dirfd, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-        return LocalStatus::FromErrno(errno, key);
+        return Status::FromErrno(errno, key);
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }

@@ -26,13 +26,18 @@
 #include <utility>
 #include <vector>
 
+#include "libfilesystem/unique_fd.h"
 #include "remotes/local_errors.h"
-#include "remotes/unique_fd.h"
 
 constexpr char kLocalRootKey[] = "/";
 // Names of the hidden files that uploads write before renaming them into
 // place. They are never listed, reported or accepted from the volume.
 constexpr char kTemporaryPrefix[] = ".skarvo-upload-";
+
+// Upload temporary files are locked (flock) by the upload writing them.
+// Removes `name` in `dirfd` when nothing holds that lock: its upload died
+// with its process.
+void RemoveAbandonedTemporary(int dirfd, const std::string& name);
 
 bool IsTemporaryName(std::string_view name);
 // A single name an item may have: not empty, ".", "..", not longer than
@@ -53,9 +58,9 @@ struct LocalEntry {
 
 class LocalPaths {
   public:
-    // Opens the remote folder `path`. Fails, with a text in *error, when it
+    // Opens the remote folder `path` into *opened. Fails, saying why, when it
     // is missing, not a folder, or not readable, writable and searchable.
-    static std::shared_ptr<LocalPaths> Open(const std::string& path, std::string* error);
+    static Status Open(const std::string& path, std::shared_ptr<LocalPaths>* opened);
 
     // The canonical absolute path of the remote folder.
     const std::string& Root() const { return root_; }
@@ -64,37 +69,36 @@ class LocalPaths {
     // Opens the folder `key` for reading. A missing folder gives `missing`
     // (FILE_NOT_FOUND when the folder is the item asked for, PATH_NOT_FOUND
     // when it is where something is to happen); a file gives INVALID_DIRECTORY.
-    LocalStatus OpenFolder(const std::string& key, AERROR missing, UniqueFd* out) const;
+    Status OpenFolder(const std::string& key, AERROR missing, UniqueFd* out) const;
     // Opens the folder holding `key` and gives the item's own name. The root
     // has no parent: ACCESS_DENIED.
-    LocalStatus OpenParent(const std::string& key, UniqueFd* parent, std::string* name) const;
+    Status OpenParent(const std::string& key, UniqueFd* parent, std::string* name) const;
     // lstat of the item `key`; the root included.
-    LocalStatus StatKey(const std::string& key, struct stat* st) const;
+    Status StatKey(const std::string& key, struct stat* st) const;
 
     // lstat of `name` in `dirfd` for the item `key`: FILE_NOT_FOUND when it
     // is missing, ACCESS_DENIED unless it is a regular file or a folder.
-    static LocalStatus StatItem(int dirfd, const std::string& name, const std::string& key,
-                                struct stat* st);
+    static Status StatItem(int dirfd, const std::string& name, const std::string& key,
+                           struct stat* st);
     // Opens the folder `name` of `dirfd` (the item `key`) without following
     // a link. Missing: `missing`; not a folder: `notFolder`; a link: ACCESS_DENIED.
-    static LocalStatus OpenSubfolder(int dirfd, const std::string& name, const std::string& key,
-                                     AERROR missing, AERROR notFolder, UniqueFd* out);
+    static Status OpenSubfolder(int dirfd, const std::string& name, const std::string& key,
+                                AERROR missing, AERROR notFolder, UniqueFd* out);
     // Every name in the folder `dirfd` except "." and "..".
-    static LocalStatus ReadNames(int dirfd, const std::string& key,
-                                 std::vector<std::string>* names);
+    static Status ReadNames(int dirfd, const std::string& key, std::vector<std::string>* names);
     // The items of the folder `dirfd`: regular files and folders with valid
     // names. Entries that vanish while they are read are left out.
-    static LocalStatus ReadItems(int dirfd, const std::string& key, std::vector<LocalEntry>* items);
+    static Status ReadItems(int dirfd, const std::string& key, std::vector<LocalEntry>* items);
     // Deletes the folder `name` of `dirfd` with everything in it. Links are
     // removed themselves, never followed.
-    static LocalStatus RemoveTree(int dirfd, const std::string& name, const std::string& key);
+    static Status RemoveTree(int dirfd, const std::string& name, const std::string& key);
 
   private:
     LocalPaths(std::string root, UniqueFd rootFd)
         : root_(std::move(root)), rootFd_(std::move(rootFd)) {}
     // Opens the folder named by the first `count` names of `names`.
-    LocalStatus Walk(const std::vector<std::string>& names, size_t count, const std::string& key,
-                     AERROR missingLast, UniqueFd* out) const;
+    Status Walk(const std::vector<std::string>& names, size_t count, const std::string& key,
+                AERROR missingLast, UniqueFd* out) const;
 
     const std::string root_;
     const UniqueFd rootFd_;

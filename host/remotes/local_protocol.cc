@@ -10,8 +10,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
+#include "libfilesystem/unique_fd.h"
 #include "remotes/change_watcher.h"
 #include "remotes/local_errors.h"
 #include "remotes/local_paths.h"
@@ -19,18 +21,17 @@
 #include "remotes/local_upload.h"
 #include "remotes/protocol_text.h"
 #include "remotes/transfer_io.h"
-#include "remotes/unique_fd.h"
 
 namespace {
 
 constexpr long long kDownloadChunk = 1 << 20;
 
-LocalStatus MissingArgument(const char* what) {
-    return LocalStatus::Error(INVALID_PARAMETER, std::string("no ") + what + " given");
+Status MissingArgument(const char* what) {
+    return Status::Error(INVALID_PARAMETER, std::string("no ") + what + " given");
 }
 
-LocalStatus InvalidName(const std::string& name) {
-    return LocalStatus::Error(INVALID_NAME, "invalid name \"" + name + "\"");
+Status InvalidName(const std::string& name) {
+    return Status::Error(INVALID_NAME, "invalid name \"" + name + "\"");
 }
 
 // rename(2) that fails with EEXIST instead of replacing an existing target.
@@ -54,16 +55,18 @@ LocalProtocol::LocalProtocol(std::shared_ptr<LocalPaths> paths,
 
 LocalProtocol::~LocalProtocol() = default;
 
-std::shared_ptr<LocalProtocol> LocalProtocol::Create(const std::string& path, std::string* error) {
-    std::shared_ptr<LocalPaths> paths = LocalPaths::Open(path, error);
-    if (!paths) return nullptr;
+Status LocalProtocol::Create(const std::string& path, std::shared_ptr<LocalProtocol>* created) {
+    std::shared_ptr<LocalPaths> paths;
+    const Status opened = LocalPaths::Open(path, &paths);
+    if (!opened.ok()) return opened;
     // Without a watcher the protocol still works; the library then refreshes
     // listings on its own timer instead.
-    std::string watchError;
-    std::unique_ptr<ChangeWatcher> watcher = ChangeWatcher::Start(paths, &watchError);
+    std::unique_ptr<ChangeWatcher> watcher;
+    const Status watching = ChangeWatcher::Start(paths, &watcher);
     std::shared_ptr<LocalProtocol> protocol(new LocalProtocol(paths, std::move(watcher)));
-    protocol->changeReportProblem_ = watchError;
-    return protocol;
+    protocol->changeReportProblem_ = watching.message();
+    *created = std::move(protocol);
+    return Status::Ok();
 }
 
 const std::string& LocalProtocol::Root() const {
@@ -130,45 +133,45 @@ AERROR LocalProtocol::Download(const char* key, long long offset, long long size
         return ReportStatus(MissingArgument("key or callback"), cookie);
     }
     if (offset < 0 || size < 0) {
-        return ReportStatus(LocalStatus::Error(INVALID_PARAMETER, "negative range"), cookie);
+        return ReportStatus(Status::Error(INVALID_PARAMETER, "negative range"), cookie);
     }
     return ReportStatus(DoDownload(key, offset, size, handle, callback), cookie);
 }
 
-LocalStatus LocalProtocol::OpenItem(const std::string& key, UniqueFd* parent, std::string* name,
-                                    struct stat* st) const {
-    LocalStatus status = paths_->OpenParent(key, parent, name);
+Status LocalProtocol::OpenItem(const std::string& key, UniqueFd* parent, std::string* name,
+                               struct stat* st) const {
+    Status status = paths_->OpenParent(key, parent, name);
     if (!status.ok()) return status;
     return LocalPaths::StatItem(parent->Get(), *name, key, st);
 }
 
-LocalStatus LocalProtocol::OpenItemOfKind(const std::string& key, bool folder, UniqueFd* parent,
-                                          std::string* name, struct stat* st) const {
-    LocalStatus status = OpenItem(key, parent, name, st);
+Status LocalProtocol::OpenItemOfKind(const std::string& key, bool folder, UniqueFd* parent,
+                                     std::string* name, struct stat* st) const {
+    Status status = OpenItem(key, parent, name, st);
     if (!status.ok()) return status;
     if (S_ISDIR(st->st_mode) != folder) {
-        return LocalStatus::Error(INVALID_PARAMETER,
-                                  key + (folder ? " is not a folder" : " is a folder"));
+        return Status::Error(INVALID_PARAMETER,
+                             key + (folder ? " is not a folder" : " is a folder"));
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
-LocalStatus LocalProtocol::DoDownload(const std::string& key, long long offset, long long size,
-                                      const std::shared_ptr<_FS_HANDLE>& handle,
-                                      IFetchCallback* callback) {
+Status LocalProtocol::DoDownload(const std::string& key, long long offset, long long size,
+                                 const std::shared_ptr<_FS_HANDLE>& handle,
+                                 IFetchCallback* callback) {
     UniqueFd parent;
     std::string name;
     // Checked before opening, so that devices and pipes are never opened, and
     // again after: O_NONBLOCK keeps a pipe swapped in meanwhile from hanging.
     struct stat st {};
-    LocalStatus status = OpenItem(key, &parent, &name, &st);
+    Status status = OpenItem(key, &parent, &name, &st);
     if (!status.ok()) return status;
     UniqueFd file(
         openat(parent.Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file.Valid()) return LocalStatus::FromErrno(errno, key);
-    if (fstat(file.Get(), &st) != 0) return LocalStatus::FromErrno(errno, key);
+    if (!file.Valid()) return Status::FromErrno(errno, key);
+    if (fstat(file.Get(), &st) != 0) return Status::FromErrno(errno, key);
     if (!S_ISREG(st.st_mode)) {
-        return LocalStatus::Error(ACCESS_DENIED, key + ": not a regular file");
+        return Status::Error(ACCESS_DENIED, key + ": not a regular file");
     }
     // A range past the end is cut to it.
     const long long end =
@@ -177,15 +180,15 @@ LocalStatus LocalProtocol::DoDownload(const std::string& key, long long offset, 
         static_cast<size_t>(std::min(kDownloadChunk, std::max(end - offset, 1LL))));
     for (long long position = offset; position < end;) {
         if (handle && handle->IsClosing()) {
-            return LocalStatus::Error(READ_CANCELED, key + ": download cancelled");
+            return Status::Error(READ_CANCELED, key + ": download cancelled");
         }
         const size_t want = static_cast<size_t>(
             std::min<long long>(static_cast<long long>(buffer.size()), end - position));
         const ssize_t got = pread(file.Get(), buffer.data(), want, position);
         if (got < 0) {
             if (errno == EINTR) continue;
-            LocalStatus failure = LocalStatus::FromErrno(errno, key);
-            failure.code = FILE_READ_FAILED;
+            Status failure = Status::FromErrno(errno, key);
+            failure.set_code(FILE_READ_FAILED);
             return failure;
         }
         if (got == 0) break;  // the file was cut meanwhile: deliver what there was
@@ -193,7 +196,7 @@ LocalStatus LocalProtocol::DoDownload(const std::string& key, long long offset, 
         if (!status.ok()) return status;
         position += got;
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 AERROR LocalProtocol::ListFolder(const char* key, IFileList* sink, void** cookie) {
@@ -202,11 +205,11 @@ AERROR LocalProtocol::ListFolder(const char* key, IFileList* sink, void** cookie
     return ReportStatus(DoListFolder(key, sink), cookie);
 }
 
-LocalStatus LocalProtocol::DoListFolder(const std::string& key, IFileList* sink) {
+Status LocalProtocol::DoListFolder(const std::string& key, IFileList* sink) {
     std::vector<LocalEntry> items;
     {
         UniqueFd dir;
-        LocalStatus status = paths_->OpenFolder(key, FILE_NOT_FOUND, &dir);
+        Status status = paths_->OpenFolder(key, FILE_NOT_FOUND, &dir);
         if (!status.ok()) return status;
         status = LocalPaths::ReadItems(dir.Get(), key, &items);
         if (!status.ok()) return status;
@@ -216,10 +219,10 @@ LocalStatus LocalProtocol::DoListFolder(const std::string& key, IFileList* sink)
         FillRecord(JoinKey(key, item.name), item.name, item.st, &record);
         const AERROR code = sink->AddFile(&record);
         if (code != SUCCESS) {
-            return LocalStatus::Error(code, key + ": the listing was not taken");
+            return Status::Error(code, key + ": the listing was not taken");
         }
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 AERROR LocalProtocol::GetChanges(IFileChanges* sink, void** cookie) {
@@ -236,16 +239,17 @@ AERROR LocalProtocol::RenameItem(const char* key, const char* parentKey, _FS_FIL
     return ReportStatus(DoRename(key, parentKey, record), cookie);
 }
 
-LocalStatus LocalProtocol::DoRename(const std::string& key, const std::string& parentKey,
-                                    _FS_FILE_V2* record) {
+Status LocalProtocol::DoRename(const std::string& key, const std::string& parentKey,
+                               _FS_FILE_V2* record) {
     const std::string newName = record->name;
     if (!IsValidItemName(newName)) return InvalidName(newName);
+    std::lock_guard<std::shared_mutex> renaming(renames_);
     UniqueFd parent;
     std::string name;
-    LocalStatus status = paths_->OpenParent(key, &parent, &name);
+    Status status = paths_->OpenParent(key, &parent, &name);
     if (!status.ok()) return status;
     if (ParentKey(key) != parentKey) {
-        return LocalStatus::Error(INVALID_PARAMETER, key + " is not in the folder " + parentKey);
+        return Status::Error(INVALID_PARAMETER, key + " is not in the folder " + parentKey);
     }
     struct stat st {};
     status = LocalPaths::StatItem(parent.Get(), name, key, &st);
@@ -255,13 +259,13 @@ LocalStatus LocalProtocol::DoRename(const std::string& key, const std::string& p
         ExpectOwn(key, IN_MOVED_FROM, false);
         ExpectOwn(newKey, IN_MOVED_TO, false);
         if (RenameNoReplace(parent.Get(), name, parent.Get(), newName) != 0) {
-            return LocalStatus::FromErrno(errno, key + " -> " + newKey);
+            return Status::FromErrno(errno, key + " -> " + newKey);
         }
         status = LocalPaths::StatItem(parent.Get(), newName, newKey, &st);
         if (!status.ok()) return status;
     }
     FillRecord(newKey, newName, st, record);
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 AERROR LocalProtocol::MoveItem(const char* key, const char* newParentKey, _FS_FILE_V2* record,
@@ -280,15 +284,16 @@ AERROR LocalProtocol::MoveFolder(const char* key, const char* newParentKey, _FS_
     return ReportStatus(DoMove(key, newParentKey, true, record), cookie);
 }
 
-LocalStatus LocalProtocol::DoMove(const std::string& key, const std::string& newParentKey,
-                                  bool folder, _FS_FILE_V2* record) {
+Status LocalProtocol::DoMove(const std::string& key, const std::string& newParentKey, bool folder,
+                             _FS_FILE_V2* record) {
+    std::lock_guard<std::shared_mutex> moving(renames_);
     UniqueFd from;
     std::string name;
     struct stat st {};
-    LocalStatus status = OpenItemOfKind(key, folder, &from, &name, &st);
+    Status status = OpenItemOfKind(key, folder, &from, &name, &st);
     if (!status.ok()) return status;
     if (folder && IsSameOrBelow(newParentKey, key)) {
-        return LocalStatus::Error(INVALID_PARAMETER, key + " cannot move into itself");
+        return Status::Error(INVALID_PARAMETER, key + " cannot move into itself");
     }
     UniqueFd to;
     status = paths_->OpenFolder(newParentKey, PATH_NOT_FOUND, &to);
@@ -300,18 +305,18 @@ LocalStatus LocalProtocol::DoMove(const std::string& key, const std::string& new
         const bool exists = fstatat(to.Get(), name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0;
         const bool replace = exists && !folder && S_ISREG(target.st_mode);
         if (exists && !replace) {
-            return LocalStatus::Error(ALREADY_EXISTS, newKey + ": the name is taken");
+            return Status::Error(ALREADY_EXISTS, newKey + ": the name is taken");
         }
         ExpectOwn(key, IN_MOVED_FROM, false);
         ExpectOwn(newKey, IN_MOVED_TO, false);
         const int result = replace ? renameat(from.Get(), name.c_str(), to.Get(), name.c_str())
                                    : RenameNoReplace(from.Get(), name, to.Get(), name);
-        if (result != 0) return LocalStatus::FromErrno(errno, key + " -> " + newKey);
+        if (result != 0) return Status::FromErrno(errno, key + " -> " + newKey);
         status = LocalPaths::StatItem(to.Get(), name, newKey, &st);
         if (!status.ok()) return status;
     }
     FillRecord(newKey, name, st, record);
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 AERROR LocalProtocol::CreateFolder(const char* parentKey, _FS_FILE_V2* record, void** cookie) {
@@ -321,20 +326,20 @@ AERROR LocalProtocol::CreateFolder(const char* parentKey, _FS_FILE_V2* record, v
     return ReportStatus(DoCreateFolder(parentKey, record), cookie);
 }
 
-LocalStatus LocalProtocol::DoCreateFolder(const std::string& parentKey, _FS_FILE_V2* record) {
+Status LocalProtocol::DoCreateFolder(const std::string& parentKey, _FS_FILE_V2* record) {
     const std::string name = record->name;
     if (!IsValidItemName(name)) return InvalidName(name);
     UniqueFd parent;
-    LocalStatus status = paths_->OpenFolder(parentKey, PATH_NOT_FOUND, &parent);
+    Status status = paths_->OpenFolder(parentKey, PATH_NOT_FOUND, &parent);
     if (!status.ok()) return status;
     const std::string key = JoinKey(parentKey, name);
     ExpectOwn(key, IN_CREATE, false);
-    if (mkdirat(parent.Get(), name.c_str(), 0777) != 0) return LocalStatus::FromErrno(errno, key);
+    if (mkdirat(parent.Get(), name.c_str(), 0777) != 0) return Status::FromErrno(errno, key);
     struct stat st {};
     status = LocalPaths::StatItem(parent.Get(), name, key, &st);
     if (!status.ok()) return status;
     FillRecord(key, name, st, record);
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 AERROR LocalProtocol::DeleteItem(const _FS_FILE_V2* record, void** cookie) {
@@ -347,16 +352,16 @@ AERROR LocalProtocol::DeleteFolder(const _FS_FILE_V2* record, void** cookie) {
     return ReportStatus(DoDelete(record->key, true), cookie);
 }
 
-LocalStatus LocalProtocol::DoDelete(const std::string& key, bool folder) {
+Status LocalProtocol::DoDelete(const std::string& key, bool folder) {
     UniqueFd parent;
     std::string name;
     struct stat st {};
-    LocalStatus status = OpenItemOfKind(key, folder, &parent, &name, &st);
+    Status status = OpenItemOfKind(key, folder, &parent, &name, &st);
     if (!status.ok()) return status;
     if (!folder) {
         ExpectOwn(key, IN_DELETE, false);
-        if (unlinkat(parent.Get(), name.c_str(), 0) != 0) return LocalStatus::FromErrno(errno, key);
-        return LocalStatus::Ok();
+        if (unlinkat(parent.Get(), name.c_str(), 0) != 0) return Status::FromErrno(errno, key);
+        return Status::Ok();
     }
     ExpectOwn(key, IN_ALL_EVENTS, true);
     return LocalPaths::RemoveTree(parent.Get(), name, key);
@@ -371,13 +376,15 @@ AERROR LocalProtocol::UploadItem(const char* parentKey, std::shared_ptr<_FS_HAND
     return ReportStatus(DoUpload(parentKey, handle, source, record, progress), cookie);
 }
 
-LocalStatus LocalProtocol::DoUpload(const char* parentKey,
-                                    const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* source,
-                                    _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress) {
-    if (record->size < 0) return LocalStatus::Error(INVALID_PARAMETER, "negative size");
+Status LocalProtocol::DoUpload(const char* parentKey, const std::shared_ptr<_FS_HANDLE>& handle,
+                               ICacheIO* source, _FS_FILE_V2* record,
+                               const _TRANSFERPROGRESS* progress) {
+    if (record->size < 0 && record->size != UPLOAD_SIZE_UNKNOWN) {
+        return Status::Error(INVALID_PARAMETER, "negative size");
+    }
     UniqueFd dir;
     LocalUpload upload;
-    LocalStatus status;
+    Status status;
     if (!record->key.empty()) {
         // Overwrite: the key names the file, wherever the library thinks it is.
         upload.key = record->key;
@@ -395,14 +402,35 @@ LocalStatus LocalProtocol::DoUpload(const char* parentKey,
     upload.handle = handle;
     upload.size = record->size;
     upload.progress = progress;
-    upload.beforeRename = [this, &upload] { ExpectOwn(upload.key, IN_MOVED_TO, false); };
+    upload.renames = &renames_;
+    upload.beforeRename = [this, &upload] {
+        // The folder opened at the start may have been renamed or moved
+        // since: the file must not land there under a key that names
+        // another place. The library uploads again where the file is now.
+        Status still = StillHolds(upload.dirfd, upload.key);
+        if (still.ok()) ExpectOwn(upload.key, IN_MOVED_TO, false);
+        return still;
+    };
     status = StoreAtomically(upload);
     if (!status.ok()) return status;
     struct stat st {};
     status = LocalPaths::StatItem(dir.Get(), upload.name, upload.key, &st);
     if (!status.ok()) return status;
     FillRecord(upload.key, upload.name, st, record);
-    return LocalStatus::Ok();
+    return Status::Ok();
+}
+
+Status LocalProtocol::StillHolds(int dirfd, const std::string& key) const {
+    UniqueFd now;
+    std::string name;
+    Status status = paths_->OpenParent(key, &now, &name);
+    struct stat opened {};
+    struct stat current {};
+    if (status.ok() && fstat(dirfd, &opened) == 0 && fstat(now.Get(), &current) == 0 &&
+        opened.st_dev == current.st_dev && opened.st_ino == current.st_ino) {
+        return Status::Ok();
+    }
+    return Status::Error(PATH_NOT_FOUND, key + ": its folder moved while it was uploaded");
 }
 
 AERROR LocalProtocol::SetItemTime(const char* key, long long /*createTime*/, long long accessTime,
@@ -412,25 +440,25 @@ AERROR LocalProtocol::SetItemTime(const char* key, long long /*createTime*/, lon
     return ReportStatus(DoSetTime(key, accessTime, modifyTime), cookie);
 }
 
-LocalStatus LocalProtocol::DoSetTime(const std::string& key, long long accessTime,
-                                     long long modifyTime) {
+Status LocalProtocol::DoSetTime(const std::string& key, long long accessTime,
+                                long long modifyTime) {
     struct timespec times[2] = {};
     times[0].tv_sec = accessTime;
     times[0].tv_nsec = accessTime == 0 ? UTIME_OMIT : 0;
     times[1].tv_sec = modifyTime;
     times[1].tv_nsec = modifyTime == 0 ? UTIME_OMIT : 0;
     if (key == kLocalRootKey) {
-        if (futimens(paths_->RootFd(), times) != 0) return LocalStatus::FromErrno(errno, key);
-        return LocalStatus::Ok();
+        if (futimens(paths_->RootFd(), times) != 0) return Status::FromErrno(errno, key);
+        return Status::Ok();
     }
     UniqueFd parent;
     std::string name;
     struct stat st {};
-    LocalStatus status = OpenItem(key, &parent, &name, &st);
+    Status status = OpenItem(key, &parent, &name, &st);
     if (!status.ok()) return status;
     ExpectOwn(key, IN_ATTRIB, false);
     if (utimensat(parent.Get(), name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-        return LocalStatus::FromErrno(errno, key);
+        return Status::FromErrno(errno, key);
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }

@@ -28,22 +28,23 @@
 #define SKARVO_REMOTES_LOCAL_PROTOCOL_H_
 
 #include <memory>
+#include <shared_mutex>
 #include <string>
 
+#include "common/status.h"
 #include "libfilesystem/protocol.h"
 
 class ChangeWatcher;
 class LocalPaths;
-struct LocalStatus;
 class UniqueFd;
 struct stat;
 
 class LocalProtocol : public IProtocol_V2 {
   public:
-    // Opens the folder `path`. Null, with a text such as "remote folder /x
-    // does not exist" in *error, when the folder is missing, not a folder,
-    // or not readable and writable.
-    static std::shared_ptr<LocalProtocol> Create(const std::string& path, std::string* error);
+    // Opens the folder `path` into *created. Fails with a text such as
+    // "remote folder /x does not exist" when the folder is missing, not a
+    // folder, or not readable and writable.
+    static Status Create(const std::string& path, std::shared_ptr<LocalProtocol>* created);
     ~LocalProtocol() override;
 
     // The canonical absolute path of the folder.
@@ -86,28 +87,34 @@ class LocalProtocol : public IProtocol_V2 {
 
     // Opens the folder that holds `key` and stats the item in it, without
     // following links.
-    LocalStatus OpenItem(const std::string& key, UniqueFd* parent, std::string* name,
-                         struct stat* st) const;
+    Status OpenItem(const std::string& key, UniqueFd* parent, std::string* name,
+                    struct stat* st) const;
     // The same, refusing an item that is not a folder (`folder`) or a file.
-    LocalStatus OpenItemOfKind(const std::string& key, bool folder, UniqueFd* parent,
-                               std::string* name, struct stat* st) const;
-    LocalStatus DoDownload(const std::string& key, long long offset, long long size,
-                           const std::shared_ptr<_FS_HANDLE>& handle, IFetchCallback* callback);
-    LocalStatus DoListFolder(const std::string& key, IFileList* sink);
-    LocalStatus DoRename(const std::string& key, const std::string& parentKey, _FS_FILE_V2* record);
-    LocalStatus DoMove(const std::string& key, const std::string& newParentKey, bool folder,
-                       _FS_FILE_V2* record);
-    LocalStatus DoCreateFolder(const std::string& parentKey, _FS_FILE_V2* record);
-    LocalStatus DoDelete(const std::string& key, bool folder);
-    LocalStatus DoUpload(const char* parentKey, const std::shared_ptr<_FS_HANDLE>& handle,
-                         ICacheIO* source, _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress);
-    LocalStatus DoSetTime(const std::string& key, long long accessTime, long long modifyTime);
+    Status OpenItemOfKind(const std::string& key, bool folder, UniqueFd* parent, std::string* name,
+                          struct stat* st) const;
+    Status DoDownload(const std::string& key, long long offset, long long size,
+                      const std::shared_ptr<_FS_HANDLE>& handle, IFetchCallback* callback);
+    Status DoListFolder(const std::string& key, IFileList* sink);
+    Status DoRename(const std::string& key, const std::string& parentKey, _FS_FILE_V2* record);
+    Status DoMove(const std::string& key, const std::string& newParentKey, bool folder,
+                  _FS_FILE_V2* record);
+    Status DoCreateFolder(const std::string& parentKey, _FS_FILE_V2* record);
+    Status DoDelete(const std::string& key, bool folder);
+    Status DoUpload(const char* parentKey, const std::shared_ptr<_FS_HANDLE>& handle,
+                    ICacheIO* source, _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress);
+    Status DoSetTime(const std::string& key, long long accessTime, long long modifyTime);
+    // Whether `dirfd` is still the folder that holds `key`: a folder renamed
+    // or moved while an upload into it ran is not (PATH_NOT_FOUND).
+    Status StillHolds(int dirfd, const std::string& key) const;
     // Tells the change watcher about a change this protocol is about to make.
     void ExpectOwn(const std::string& key, unsigned int mask, bool subtree);
 
     const std::shared_ptr<LocalPaths> paths_;
     const std::unique_ptr<ChangeWatcher> watcher_;  // null: changes are not reported
     std::string changeReportProblem_;
+    // Renames and moves hold it exclusively; an upload holds it shared while
+    // it checks its folder and renames its file into place.
+    mutable std::shared_mutex renames_;
 };
 
 #endif  // SKARVO_REMOTES_LOCAL_PROTOCOL_H_

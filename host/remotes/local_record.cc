@@ -28,11 +28,11 @@ void FillRecord(const std::string& key, const std::string& name, const struct st
     record->modifyTime = FormatRecordTime(st.st_mtim);
 }
 
-LocalStatus ReadRecord(const LocalPaths& paths, const std::string& key, _FS_FILE_V2* record) {
+Status ReadRecord(const LocalPaths& paths, const std::string& key, _FS_FILE_V2* record) {
     struct stat st {};
-    LocalStatus status = paths.StatKey(key, &st);
+    Status status = paths.StatKey(key, &st);
     if (!status.ok()) return status;
     const std::string name = key == kLocalRootKey ? std::string() : key.substr(key.rfind('/') + 1);
     FillRecord(key, name, st, record);
-    return LocalStatus::Ok();
+    return Status::Ok();
 }

@@ -24,6 +24,6 @@ void FillRecord(const std::string& key, const std::string& name, const struct st
                 _FS_FILE_V2* record);
 
 // The current record of the item `key`; the root's name is empty.
-LocalStatus ReadRecord(const LocalPaths& paths, const std::string& key, _FS_FILE_V2* record);
+Status ReadRecord(const LocalPaths& paths, const std::string& key, _FS_FILE_V2* record);
 
 #endif  // SKARVO_REMOTES_LOCAL_RECORD_H_

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,9 +11,9 @@
 #include <random>
 #include <vector>
 
+#include "libfilesystem/unique_fd.h"
 #include "remotes/local_paths.h"
 #include "remotes/transfer_io.h"
-#include "remotes/unique_fd.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ class TemporaryFile {
         if (!name_.empty()) unlinkat(dirfd_, name_.c_str(), 0);
     }
 
-    LocalStatus Create(const std::string& key) {
+    Status Create(const std::string& key) {
         static constexpr char kLetters[] =
             "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
         thread_local std::mt19937_64 random{std::random_device{}()};
@@ -40,34 +41,42 @@ class TemporaryFile {
             fd_.Reset(openat(dirfd_, name.c_str(),
                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
             if (fd_.Valid()) {
+                // Held until the rename, so that listings leave the file alone.
+                flock(fd_.Get(), LOCK_EX);
                 name_ = std::move(name);
-                return LocalStatus::Ok();
+                return Status::Ok();
             }
-            if (errno != EEXIST) return LocalStatus::FromErrno(errno, key + ": temporary file");
+            if (errno != EEXIST) return Status::FromErrno(errno, key + ": temporary file");
         }
-        return LocalStatus::Error(FAILED, key + ": no free temporary file name");
+        return Status::Error(FAILED, key + ": no free temporary file name");
     }
 
     int fd() const { return fd_.Get(); }
 
-    // Flushes and closes the file, then renames it to `target`.
-    LocalStatus Commit(const std::string& target, const std::string& key,
-                       const std::function<void()>& beforeRename) {
+    // Flushes the file and renames it to `target`; it stays open, and so
+    // locked, until the rename is done.
+    Status Commit(const std::string& target, const std::string& key,
+                  const std::function<Status()>& beforeRename, std::shared_mutex* renames) {
         if (fsync(fd_.Get()) != 0) return WriteFailure(errno, key);
-        if (close(fd_.Release()) != 0) return WriteFailure(errno, key);
-        if (beforeRename) beforeRename();
+        std::shared_lock<std::shared_mutex> lock;
+        if (renames != nullptr) lock = std::shared_lock<std::shared_mutex>(*renames);
+        if (beforeRename) {
+            const Status status = beforeRename();
+            if (!status.ok()) return status;
+        }
         if (renameat(dirfd_, name_.c_str(), dirfd_, target.c_str()) != 0) {
-            return LocalStatus::FromErrno(errno, key);
+            return Status::FromErrno(errno, key);
         }
         name_.clear();
+        fd_.Reset();
         fsync(dirfd_);  // makes the rename durable; the data is already safe
-        return LocalStatus::Ok();
+        return Status::Ok();
     }
 
-    static LocalStatus WriteFailure(int err, const std::string& key) {
-        LocalStatus status = LocalStatus::FromErrno(err, key);
-        if (status.code == FAILED || status.code == INVALID_PARAMETER) {
-            status.code = FILE_WRITE_FAILED;
+    static Status WriteFailure(int err, const std::string& key) {
+        Status status = Status::FromErrno(err, key);
+        if (status.code() == FAILED || status.code() == INVALID_PARAMETER) {
+            status.set_code(FILE_WRITE_FAILED);
         }
         return status;
     }
@@ -78,61 +87,65 @@ class TemporaryFile {
     UniqueFd fd_;
 };
 
-LocalStatus WriteAll(int fd, const char* data, size_t size, const std::string& key) {
-    while (size > 0) {
-        const ssize_t written = write(fd, data, size);
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return TemporaryFile::WriteFailure(errno, key);
+// A source of unknown length: copied until it ends its data.
+Status CopyStream(const LocalUpload& upload, int fd) {
+    std::vector<char> buffer(kChunkSize);
+    for (uint64_t done = 0;;) {
+        size_t got = 0;
+        Status status = ReadUploadSource(upload.source, upload.handle, upload.size, done,
+                                         buffer.data(), buffer.size(), &got, upload.key);
+        if (!status.ok() || got == 0) return status;
+        if (!WriteAll(fd, buffer.data(), got)) {
+            return TemporaryFile::WriteFailure(errno, upload.key);
         }
-        data += written;
-        size -= static_cast<size_t>(written);
+        done += got;
     }
-    return LocalStatus::Ok();
 }
 
-LocalStatus CopySource(const LocalUpload& upload, int fd) {
+Status CopySource(const LocalUpload& upload, int fd) {
+    if (upload.size == UPLOAD_SIZE_UNKNOWN) return CopyStream(upload, fd);
     const uint64_t total = static_cast<uint64_t>(upload.size);
     std::vector<char> buffer(std::min<uint64_t>(kChunkSize, std::max<uint64_t>(total, 1)));
     ProgressReporter reporter(upload.progress, total);
     uint64_t done = 0;
     while (done < total) {
         size_t got = 0;
-        LocalStatus status =
+        Status status =
             ReadUploadSource(upload.source, upload.handle, upload.size, done, buffer.data(),
                              std::min<uint64_t>(buffer.size(), total - done), &got, upload.key);
         if (!status.ok()) return status;
-        status = WriteAll(fd, buffer.data(), got, upload.key);
-        if (!status.ok()) return status;
+        if (!WriteAll(fd, buffer.data(), got)) {
+            return TemporaryFile::WriteFailure(errno, upload.key);
+        }
         done += got;
         reporter.Report(done);
     }
     if (total == 0) reporter.Report(0);
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 }  // namespace
 
-LocalStatus StoreAtomically(const LocalUpload& upload) {
+Status StoreAtomically(const LocalUpload& upload) {
     struct stat target {};
     bool replacing = false;
     if (fstatat(upload.dirfd, upload.name.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0) {
         if (S_ISDIR(target.st_mode)) {
-            return LocalStatus::Error(ALREADY_EXISTS, upload.key + ": a folder has this name");
+            return Status::Error(ALREADY_EXISTS, upload.key + ": a folder has this name");
         }
         if (!S_ISREG(target.st_mode)) {
-            return LocalStatus::Error(ACCESS_DENIED, upload.key + ": not a regular file");
+            return Status::Error(ACCESS_DENIED, upload.key + ": not a regular file");
         }
         replacing = true;
     } else if (errno != ENOENT) {
-        return LocalStatus::FromErrno(errno, upload.key);
+        return Status::FromErrno(errno, upload.key);
     }
 
     TemporaryFile file(upload.dirfd);
-    LocalStatus status = file.Create(upload.key);
+    Status status = file.Create(upload.key);
     if (!status.ok()) return status;
     if (replacing) fchmod(file.fd(), target.st_mode & 07777);
     status = CopySource(upload, file.fd());
     if (!status.ok()) return status;
-    return file.Commit(upload.name, upload.key, upload.beforeRename);
+    return file.Commit(upload.name, upload.key, upload.beforeRename, upload.renames);
 }

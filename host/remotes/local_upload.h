@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <shared_mutex>
 #include <string>
 
 #include "libfilesystem/cache.h"
@@ -23,10 +24,15 @@ struct LocalUpload {
     std::string key;   // the target's key, for texts
     ICacheIO* source = nullptr;
     std::shared_ptr<_FS_HANDLE> handle;  // passed on with every read
-    int64_t size = 0;                    // bytes to read from offset 0
+    int64_t size = 0;                    // bytes to read from offset 0, or UPLOAD_SIZE_UNKNOWN
     const _TRANSFERPROGRESS* progress = nullptr;
-    // Called just before the rename that makes the file visible.
-    std::function<void()> beforeRename;
+    // Called just before the rename that makes the file visible; a failure
+    // stops the upload there.
+    std::function<Status()> beforeRename;
+    // Held shared around that call and the rename, when set: whoever renames
+    // folders of the remote holds it exclusively, so that what the call
+    // checks of the folder still holds at the rename.
+    std::shared_mutex* renames = nullptr;
 };
 
 // The target may be missing or a regular file, whose permission bits the new
@@ -34,6 +40,6 @@ struct LocalUpload {
 // ACCESS_DENIED. A source that fails gives its code; one that ends before
 // `size` bytes gives FILE_READ_FAILED. The upload is not cancelled when the
 // handle closes: uploads normally run after the file was closed.
-LocalStatus StoreAtomically(const LocalUpload& upload);
+Status StoreAtomically(const LocalUpload& upload);
 
 #endif  // SKARVO_REMOTES_LOCAL_UPLOAD_H_

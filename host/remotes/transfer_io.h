@@ -16,15 +16,16 @@
 // Hands `size` bytes at `offset` to the callback, offering again what it did
 // not take. A refusal is the callback's code, or FILE_WRITE_FAILED when it
 // took nothing.
-LocalStatus DeliverFetched(IFetchCallback* callback, long long offset, const char* data, long size,
-                           const std::string& key);
+Status DeliverFetched(IFetchCallback* callback, long long offset, const char* data, long size,
+                      const std::string& key);
 
 // Reads up to `size` bytes at `offset` of the upload source, on behalf of
 // `handle`, of a file of `fileSize` bytes. A failing source gives its code;
-// a source with nothing more before `fileSize`, FILE_READ_FAILED.
-LocalStatus ReadUploadSource(ICacheIO* source, const std::shared_ptr<_FS_HANDLE>& handle,
-                             int64_t fileSize, uint64_t offset, char* buffer, size_t size,
-                             size_t* got, const std::string& key);
+// a source with nothing more before `fileSize`, FILE_READ_FAILED. With
+// `fileSize` UPLOAD_SIZE_UNKNOWN, the end of the source is *got 0.
+Status ReadUploadSource(ICacheIO* source, const std::shared_ptr<_FS_HANDLE>& handle,
+                        int64_t fileSize, uint64_t offset, char* buffer, size_t size, size_t* got,
+                        const std::string& key);
 
 // Progress reports to the library, at most one every 250 ms and always one
 // when the last byte is in.

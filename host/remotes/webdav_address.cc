@@ -3,6 +3,8 @@
 #include <cctype>
 #include <cstdlib>
 
+#include "remotes/path_parts.h"
+
 namespace {
 
 std::string Lower(std::string text) {
@@ -15,21 +17,8 @@ int DefaultPort(bool tls) {
     return tls ? 443 : 80;
 }
 
-// Splits "a/b//c" into its non-empty parts.
-std::vector<std::string> SplitPath(const std::string& path) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    while (start <= path.size()) {
-        size_t slash = path.find('/', start);
-        if (slash == std::string::npos) slash = path.size();
-        if (slash > start) parts.push_back(path.substr(start, slash - start));
-        start = slash + 1;
-    }
-    return parts;
-}
-
 // "host", "host:port", "[::1]:port" -> host and port.
-bool SplitHostPort(const std::string& text, bool tls, WebdavAddress* address, std::string* error) {
+Status SplitHostPort(const std::string& text, bool tls, WebdavAddress* address) {
     std::string host = text;
     std::string port;
     const size_t bracket = text.rfind(']');
@@ -39,20 +28,18 @@ bool SplitHostPort(const std::string& text, bool tls, WebdavAddress* address, st
         port = text.substr(colon + 1);
     }
     if (host.empty() || host.find_first_of(" /?#") != std::string::npos) {
-        *error = "the address names no valid host";
-        return false;
+        return Status::Error("the address names no valid host");
     }
     address->host = Lower(host);
     address->port = DefaultPort(tls);
-    if (port.empty()) return true;
+    if (port.empty()) return Status::Ok();
     char* end = nullptr;
     const long number = strtol(port.c_str(), &end, 10);
     if (end == nullptr || *end != '\0' || number < 1 || number > 65535) {
-        *error = "the port '" + port + "' is not a number from 1 to 65535";
-        return false;
+        return Status::Error("the port '" + port + "' is not a number from 1 to 65535");
     }
     address->port = static_cast<int>(number);
-    return true;
+    return Status::Ok();
 }
 
 bool IsUnreserved(unsigned char c) {
@@ -91,20 +78,18 @@ std::string WebdavAddress::UrlOf(const std::string& key, bool folder) const {
     return Origin() + PathOf(key, folder);
 }
 
-bool ParseWebdavAddress(bool tls, const std::string& location, WebdavAddress* address,
-                        std::string* error) {
+Status ParseWebdavAddress(bool tls, const std::string& location, WebdavAddress* address) {
     const char* scheme = tls ? "webdavs:" : "webdav:";
     if (location.compare(0, 2, "//") != 0) {
-        *error = std::string("a WebDAV address looks like ") + scheme + "//[user@]host[:port]/path";
-        return false;
+        return Status::Error(std::string("a WebDAV address looks like ") + scheme +
+                             "//[user@]host[:port]/path");
     }
     const std::string rest = location.substr(2);
     const size_t slash = rest.find('/');
     std::string authority = rest.substr(0, slash);
     const std::string path = slash == std::string::npos ? "" : rest.substr(slash);
     if (path.find_first_of("?#") != std::string::npos) {
-        *error = "the address must not hold a query or a fragment";
-        return false;
+        return Status::Error("the address must not hold a query or a fragment");
     }
     WebdavAddress parsed;
     parsed.tls = tls;
@@ -113,28 +98,26 @@ bool ParseWebdavAddress(bool tls, const std::string& location, WebdavAddress* ad
         const std::string userinfo = authority.substr(0, at);
         if (userinfo.find(':') != std::string::npos) {
             // The password is not repeated in the message.
-            *error =
+            return Status::Error(
                 "the address holds a password; give it in ~/.netrc, SKARVO_WEBDAV_PASSWORD "
-                "or --password-file instead";
-            return false;
+                "or --password-file instead");
         }
         if (!PercentDecode(userinfo, &parsed.user) || parsed.user.empty()) {
-            *error = "the user name in the address is not valid";
-            return false;
+            return Status::Error("the user name in the address is not valid");
         }
         authority = authority.substr(at + 1);
     }
-    if (!SplitHostPort(authority, tls, &parsed, error)) return false;
+    const Status split = SplitHostPort(authority, tls, &parsed);
+    if (!split.ok()) return split;
     for (const std::string& part : SplitPath(path)) {
         std::string decoded;
         if (!PercentDecode(part, &decoded) || !IsAcceptableDavName(decoded)) {
-            *error = "the path segment '" + part + "' is not valid";
-            return false;
+            return Status::Error("the path segment '" + part + "' is not valid");
         }
         parsed.base.push_back(decoded);
     }
     *address = std::move(parsed);
-    return true;
+    return Status::Ok();
 }
 
 bool PercentDecode(const std::string& text, std::string* decoded) {

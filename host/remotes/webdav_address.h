@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "common/status.h"
+
 struct WebdavAddress {
     bool tls = false;
     std::string user;  // empty: none given
@@ -29,11 +31,10 @@ struct WebdavAddress {
     std::string UrlOf(const std::string& key, bool folder) const;
 };
 
-// Parses what follows "webdav:" or "webdavs:" (`tls` tells which). False, with
-// one line in *error, for a malformed address, a bad port, or a password in
-// it (passwords never go on the command line).
-bool ParseWebdavAddress(bool tls, const std::string& location, WebdavAddress* address,
-                        std::string* error);
+// Parses what follows "webdav:" or "webdavs:" (`tls` tells which). Fails,
+// saying why in one line, for a malformed address, a bad port, or a password
+// in it (passwords never go on the command line).
+Status ParseWebdavAddress(bool tls, const std::string& location, WebdavAddress* address);
 
 // Percent-decodes `text`; false for a malformed escape.
 bool PercentDecode(const std::string& text, std::string* decoded);

@@ -37,7 +37,7 @@ std::string Trimmed(const char* data, size_t size) {
 struct HttpClient::Transfer {
     const HttpRequest* request = nullptr;
     HttpResponse* response = nullptr;
-    LocalStatus bodyFailure;  // why readBody failed
+    Status bodyFailure;  // why readBody failed
     bool bodyTooLarge = false;
     bool cancelled = false;
     uint64_t offset = 0;  // of the request body
@@ -92,7 +92,7 @@ struct HttpClient::Transfer {
         self->bodyFailure = request.readBody(self->offset, buffer, want, &got);
         if (!self->bodyFailure.ok() || got == 0 || got > want) {
             if (self->bodyFailure.ok()) {
-                self->bodyFailure = LocalStatus::Error(FILE_READ_FAILED, "the data to send ended");
+                self->bodyFailure = Status::Error(FILE_READ_FAILED, "the data to send ended");
             }
             return CURL_READFUNC_ABORT;
         }
@@ -216,10 +216,10 @@ curl_slist* HttpClient::Configure(CURL* curl, const HttpRequest& request, Transf
     return headers;
 }
 
-LocalStatus HttpClient::SendOnce(const HttpRequest& request, HttpResponse* response) {
+Status HttpClient::SendOnce(const HttpRequest& request, HttpResponse* response) {
     *response = HttpResponse();
     CurlEasy handle = TakeHandle();
-    if (!handle) return LocalStatus::Error(FAILED, "libcurl could not make a handle");
+    if (!handle) return Status::Error(FAILED, "libcurl could not make a handle");
     Transfer transfer;
     transfer.request = &request;
     transfer.response = response;
@@ -231,31 +231,31 @@ LocalStatus HttpClient::SendOnce(const HttpRequest& request, HttpResponse* respo
     GiveBack(std::move(handle));
 
     const std::string what = request.method + " " + request.path + ": ";
-    if (transfer.cancelled) return LocalStatus::Error(CANCEL, what + "cancelled");
+    if (transfer.cancelled) return Status::Error(CANCEL, what + "cancelled");
     if (!transfer.bodyFailure.ok()) {
-        return LocalStatus::Error(transfer.bodyFailure.code, what + transfer.bodyFailure.text);
+        return Status::Error(transfer.bodyFailure.code(), what + transfer.bodyFailure.message());
     }
     if (transfer.bodyTooLarge) {
-        return LocalStatus::Error(FAILED, what + "the answer is larger than " +
-                                              std::to_string(kMaxCollectedBody >> 20) + " MiB");
+        return Status::Error(FAILED, what + "the answer is larger than " +
+                                         std::to_string(kMaxCollectedBody >> 20) + " MiB");
     }
     if (code != CURLE_OK && !(code == CURLE_WRITE_ERROR && response->stoppedByReceiver)) {
         const std::string detail =
             transfer.error[0] != '\0' ? transfer.error : curl_easy_strerror(code);
-        return LocalStatus::Error(MapCurlCode(code), what + detail);
+        return Status::Error(MapCurlCode(code), what + detail);
     }
     const AERROR mapped = MapHttpStatus(response->status, request.method);
     if (mapped != SUCCESS) {
         const std::string line = response->statusLine.empty()
                                      ? "HTTP status " + std::to_string(response->status)
                                      : response->statusLine;
-        return LocalStatus::Error(mapped, what + line);
+        return Status::Error(mapped, what + line);
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
-LocalStatus HttpClient::Send(const HttpRequest& request, HttpResponse* response) {
-    LocalStatus status;
+Status HttpClient::Send(const HttpRequest& request, HttpResponse* response) {
+    Status status;
     for (int attempt = 1;; ++attempt) {
         status = SendOnce(request, response);
         if (status.ok() || attempt >= kAttempts || !request.idempotent || response->delivered > 0) {
@@ -264,19 +264,46 @@ LocalStatus HttpClient::Send(const HttpRequest& request, HttpResponse* response)
         const bool transient = response->transport != CURLE_OK
                                    ? IsTransientCurlCode(response->transport)
                                    : IsTransientStatus(response->status);
-        if (!transient || status.code == CANCEL) break;
+        if (!transient || status.code() == CANCEL) break;
         if (settings_.log != nullptr) {
-            settings_.log->Log(LL_DEBUG, "webdav: %s; trying again", status.text.c_str());
+            settings_.log->Log(LL_DEBUG, "webdav: %s; trying again", status.message().c_str());
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(500 << (attempt - 1)));
     }
-    if (!status.ok() && status.code != CANCEL) LogFailure(status);
+    if (status.code() == CANCEL) return status;
+    if (NoteReachability(*response, status)) return status;
+    if (!status.ok()) LogFailure(status);
     return status;
 }
 
-void HttpClient::LogFailure(const LocalStatus& status) {
+// A server that stops answering would otherwise give a warning for every
+// request; the user needs one line when it goes and one when it is back.
+// True when the failure is one of the server not being reached.
+bool HttpClient::NoteReachability(const HttpResponse& response, const Status& status) {
+    const bool unreachable =
+        IsTransientCurlCode(response.transport) || response.transport == CURLE_COULDNT_RESOLVE_HOST;
+    const bool was = unreachable_.exchange(unreachable);
+    if (settings_.log == nullptr || unreachable == was) {
+        if (unreachable && settings_.log != nullptr) {
+            settings_.log->Log(LL_DEBUG, "webdav: %s (%s)", status.message().c_str(),
+                               GetAERRORA(status.code()));
+        }
+        return unreachable;
+    }
+    if (unreachable) {
+        settings_.log->Log(LL_WARNING, "webdav: %s cannot be reached: %s (%s); trying on",
+                           address_.Origin().c_str(), status.message().c_str(),
+                           GetAERRORA(status.code()));
+    } else {
+        settings_.log->Log(LL_WARNING, "webdav: %s answers again", address_.Origin().c_str());
+    }
+    return unreachable;
+}
+
+void HttpClient::LogFailure(const Status& status) {
     if (settings_.log == nullptr) return;
     // A missing item is an everyday answer (a lookup of a new name).
-    const LOGLEVEL level = status.code == FILE_NOT_FOUND ? LL_DEBUG : LL_WARNING;
-    settings_.log->Log(level, "webdav: %s (%s)", status.text.c_str(), GetAERRORA(status.code));
+    const LOGLEVEL level = status.code() == FILE_NOT_FOUND ? LL_DEBUG : LL_WARNING;
+    settings_.log->Log(level, "webdav: %s (%s)", status.message().c_str(),
+                       GetAERRORA(status.code()));
 }

@@ -14,6 +14,7 @@
 #ifndef SKARVO_REMOTES_WEBDAV_HTTP_H_
 #define SKARVO_REMOTES_WEBDAV_HTTP_H_
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -45,7 +46,7 @@ struct HttpRequest {
     bool streaming = false;  // large transfer: only stalls end it, not its length
     // A streamed request body of bodySize bytes: fills `buffer` from `offset`
     // (offsets may start again at 0 when the request is resent).
-    std::function<LocalStatus(uint64_t offset, char* buffer, size_t size, size_t* got)> readBody;
+    std::function<Status(uint64_t offset, char* buffer, size_t size, size_t* got)> readBody;
     int64_t bodySize = -1;
     // Bytes of the body sent so far, as it goes.
     std::function<void(uint64_t sent)> onSent;
@@ -81,17 +82,20 @@ class HttpClient {
     // Sends the request. SUCCESS for a 2xx answer (also when onData stopped
     // it); otherwise the code of webdav_errors.h with a text naming the
     // method, the path and the server's status line or the transport's
-    // failure. Each failure is logged once, after the last try.
-    LocalStatus Send(const HttpRequest& request, HttpResponse* response);
+    // failure. Each failure is logged once, after the last try; while the
+    // server cannot be reached, only the first failure and the first answer
+    // after it are warnings.
+    Status Send(const HttpRequest& request, HttpResponse* response);
 
   private:
     struct Transfer;
-    LocalStatus SendOnce(const HttpRequest& request, HttpResponse* response);
+    Status SendOnce(const HttpRequest& request, HttpResponse* response);
     CurlEasy TakeHandle();
     void GiveBack(CurlEasy handle);
     curl_slist* Configure(CURL* curl, const HttpRequest& request, Transfer* transfer);
     void ConfigureTls(CURL* curl);
-    void LogFailure(const LocalStatus& status);
+    void LogFailure(const Status& status);
+    bool NoteReachability(const HttpResponse& response, const Status& status);
 
     const WebdavAddress address_;
     const HttpSettings settings_;
@@ -99,6 +103,7 @@ class HttpClient {
     std::mutex shareLocks_[CURL_LOCK_DATA_LAST];
     std::mutex poolMutex_;
     std::vector<CurlEasy> idle_;
+    std::atomic<bool> unreachable_{false};  // the last request found no server
 };
 
 #endif  // SKARVO_REMOTES_WEBDAV_HTTP_H_

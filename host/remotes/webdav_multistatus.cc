@@ -123,21 +123,20 @@ std::string PropfindBody(bool quota) {
            "</D:prop></D:propfind>\n";
 }
 
-LocalStatus ParseMultistatus(const std::string& body,
-                             const std::vector<std::string>& requestSegments,
-                             std::vector<DavEntry>* entries) {
+Status ParseMultistatus(const std::string& body, const std::vector<std::string>& requestSegments,
+                        std::vector<DavEntry>* entries) {
     static std::once_flag once;
     std::call_once(once, [] { xmlInitParser(); });
     if (body.size() > static_cast<size_t>(INT32_MAX)) {
-        return LocalStatus::Error(FAILED, "the listing is too large");
+        return Status::Error(FAILED, "the listing is too large");
     }
     // No network access and no entity substitution: the answer is data only.
     XmlDoc doc(xmlReadMemory(body.data(), static_cast<int>(body.size()), "multistatus.xml", nullptr,
                              XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
-    if (!doc) return LocalStatus::Error(FAILED, "the server's answer is not valid XML");
+    if (!doc) return Status::Error(FAILED, "the server's answer is not valid XML");
     const xmlNode* root = xmlDocGetRootElement(doc.get());
     if (root == nullptr || !IsDav(root, "multistatus")) {
-        return LocalStatus::Error(FAILED, "the server's answer is not a WebDAV multistatus");
+        return Status::Error(FAILED, "the server's answer is not a WebDAV multistatus");
     }
     entries->clear();
     for (const xmlNode* node = root->children; node != nullptr; node = node->next) {
@@ -145,5 +144,5 @@ LocalStatus ParseMultistatus(const std::string& body,
         DavEntry entry;
         if (ReadResponse(node, requestSegments, &entry)) entries->push_back(std::move(entry));
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }

@@ -31,8 +31,7 @@ std::string PropfindBody(bool quota);
 // in a propstat whose status is not 200 are ignored. Malformed XML, or
 // an answer that is no multistatus, is FAILED with a text saying so; hrefs
 // that cannot be decoded are left out.
-LocalStatus ParseMultistatus(const std::string& body,
-                             const std::vector<std::string>& requestSegments,
-                             std::vector<DavEntry>* entries);
+Status ParseMultistatus(const std::string& body, const std::vector<std::string>& requestSegments,
+                        std::vector<DavEntry>* entries);
 
 #endif  // SKARVO_REMOTES_WEBDAV_MULTISTATUS_H_

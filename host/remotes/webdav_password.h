@@ -11,10 +11,12 @@
 
 #include <string>
 
+#include "common/status.h"
+
 constexpr char kWebdavPasswordVariable[] = "SKARVO_WEBDAV_PASSWORD";
 
 // Fills *password from the file or the environment; leaves it empty for
-// ~/.netrc. False, with one line in *error, when the file cannot be used.
-bool LoadWebdavPassword(const std::string& passwordFile, std::string* password, std::string* error);
+// ~/.netrc. Fails, saying why in one line, when the file cannot be used.
+Status LoadWebdavPassword(const std::string& passwordFile, std::string* password);
 
 #endif  // SKARVO_REMOTES_WEBDAV_PASSWORD_H_

@@ -13,35 +13,38 @@ constexpr char kRootKey[] = "/";
 constexpr char kServerTemporaryPrefix[] = ".davfs.tmp";
 constexpr size_t kMaxRefusedLogged = 1000;
 
-LocalStatus MissingArgument(const char* what) {
-    return LocalStatus::Error(INVALID_PARAMETER, std::string("no ") + what + " given");
+Status MissingArgument(const char* what) {
+    return Status::Error(INVALID_PARAMETER, std::string("no ") + what + " given");
 }
 
 }  // namespace
 
 WebdavProtocol::WebdavProtocol(WebdavAddress address, HttpSettings settings)
-    : log_(settings.log), http_(std::move(address), std::move(settings)) {}
+    : log_(settings.log),
+      http_(std::move(address), std::move(settings)),
+      gate_(std::chrono::seconds(http_.TimeoutSeconds())) {}
 
-bool WebdavProtocol::Check(std::string* error) {
+Status WebdavProtocol::Check() {
     DavEntry root;
-    const LocalStatus status = Stat(kRootKey, &root);
+    const Status status = Stat(kRootKey, &root);
     const std::string server = http_.Address().Origin();
     const std::string share = http_.Address().Identity();
-    if (status.ok() && root.folder) return true;
-    if (status.ok()) {
-        *error = share + " is a file, not a folder";
-    } else if (status.code == AUTH_FAILED) {
+    if (status.ok() && root.folder) return Status::Ok();
+    if (status.ok()) return Status::Error(share + " is a file, not a folder");
+    if (status.code() == AUTH_FAILED) {
         const std::string& user = http_.Address().user;
-        *error = "the WebDAV server " + server + " refused the login" +
-                 (user.empty() ? "" : " of " + user) + " (" + status.text +
-                 "); check ~/.netrc, SKARVO_WEBDAV_PASSWORD or --password-file";
-    } else if (status.code == CERT_INVALID || status.code == SOCK_SSL_HANDSHAKE_FAILED) {
-        *error = "cannot trust the certificate of " + server + " (" + status.text +
-                 "); --insecure accepts a self-signed certificate";
-    } else {
-        *error = "cannot open " + share + ": " + status.text + " (" + GetAERRORA(status.code) + ")";
+        return Status::Error(status.code(),
+                             "the WebDAV server " + server + " refused the login" +
+                                 (user.empty() ? "" : " of " + user) + " (" + status.message() +
+                                 "); check ~/.netrc, SKARVO_WEBDAV_PASSWORD or --password-file");
     }
-    return false;
+    if (status.code() == CERT_INVALID || status.code() == SOCK_SSL_HANDSHAKE_FAILED) {
+        return Status::Error(status.code(), "cannot trust the certificate of " + server + " (" +
+                                                status.message() +
+                                                "); --insecure accepts a self-signed certificate");
+    }
+    return Status::Error(status.code(), "cannot open " + share + ": " + status.message() + " (" +
+                                            GetAERRORA(status.code()) + ")");
 }
 
 AERROR WebdavProtocol::GetIdentity(char* buffer, unsigned long length) {
@@ -83,7 +86,7 @@ AERROR WebdavProtocol::SetItemTime(const char* key, long long /*createTime*/,
     std::string etag = etags_.Latest(key);
     if (etag.empty()) {
         DavEntry entry;
-        const LocalStatus status = Stat(key, &entry);
+        const Status status = Stat(key, &entry);
         if (!status.ok()) return ReportStatus(status, cookie);
         if (entry.folder) return SUCCESS;
         etag = entry.etag;
@@ -94,8 +97,8 @@ AERROR WebdavProtocol::SetItemTime(const char* key, long long /*createTime*/,
     return SUCCESS;
 }
 
-LocalStatus WebdavProtocol::Propfind(const std::string& key, int depth, bool quota,
-                                     std::vector<DavEntry>* entries) {
+Status WebdavProtocol::Propfind(const std::string& key, int depth, bool quota,
+                                std::vector<DavEntry>* entries) {
     HttpRequest request;
     request.method = "PROPFIND";
     request.path = http_.Address().PathOf(key, depth > 0);
@@ -103,39 +106,39 @@ LocalStatus WebdavProtocol::Propfind(const std::string& key, int depth, bool quo
                        "Content-Type: application/xml; charset=utf-8"};
     request.body = PropfindBody(quota);
     HttpResponse response;
-    LocalStatus status = http_.Send(request, &response);
+    Status status = http_.Send(request, &response);
     if (!status.ok()) return status;
     std::vector<std::string> segments = http_.Address().base;
     for (const std::string& part : KeySegments(key))
         segments.push_back(part);
     status = ParseMultistatus(response.body, segments, entries);
-    if (!status.ok()) status.text = "PROPFIND " + request.path + ": " + status.text;
+    if (!status.ok()) status.set_message("PROPFIND " + request.path + ": " + status.message());
     return status;
 }
 
-LocalStatus WebdavProtocol::Stat(const std::string& key, DavEntry* entry) {
+Status WebdavProtocol::Stat(const std::string& key, DavEntry* entry) {
     std::vector<DavEntry> entries;
-    LocalStatus status = Propfind(key, 0, key == kRootKey, &entries);
+    Status status = Propfind(key, 0, key == kRootKey, &entries);
     if (!status.ok()) return status;
     if (entries.empty()) {
-        return LocalStatus::Error(FAILED, "PROPFIND " + http_.Address().PathOf(key, false) +
-                                              ": the server's answer names no item");
+        return Status::Error(FAILED, "PROPFIND " + http_.Address().PathOf(key, false) +
+                                         ": the server's answer names no item");
     }
     *entry = std::move(entries.front());
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
-LocalStatus WebdavProtocol::StatRecord(const std::string& key, _FS_FILE_V2* record) {
+Status WebdavProtocol::StatRecord(const std::string& key, _FS_FILE_V2* record) {
     DavEntry entry;
-    LocalStatus status = Stat(key, &entry);
+    Status status = Stat(key, &entry);
     if (status.ok()) ToRecord(key, entry, record);
     return status;
 }
 
 AERROR WebdavProtocol::GetQuota(unsigned long long* total, unsigned long long* used) {
     DavEntry root;
-    const LocalStatus status = Stat(kRootKey, &root);
-    if (!status.ok()) return status.code;
+    const Status status = Stat(kRootKey, &root);
+    if (!status.ok()) return status.code();
     if (total != nullptr) *total = root.hasQuota ? root.quotaAvailable + root.quotaUsed : 0;
     if (used != nullptr) *used = root.hasQuota ? root.quotaUsed : 0;
     return SUCCESS;
@@ -176,10 +179,10 @@ bool WebdavProtocol::IsChildName(const std::string& folderKey, const DavEntry& e
     return name->compare(0, strlen(kServerTemporaryPrefix), kServerTemporaryPrefix) != 0;
 }
 
-LocalStatus WebdavProtocol::ReadFolder(const std::string& key, std::vector<_FS_FILE_V2>* records,
-                                       FolderWatch::Entries* states) {
+Status WebdavProtocol::ReadFolder(const std::string& key, std::vector<_FS_FILE_V2>* records,
+                                  FolderWatch::Entries* states) {
     std::vector<DavEntry> entries;
-    LocalStatus status = Propfind(key, 1, false, &entries);
+    Status status = Propfind(key, 1, false, &entries);
     if (!status.ok()) return status;
     records->clear();
     states->clear();
@@ -191,7 +194,7 @@ LocalStatus WebdavProtocol::ReadFolder(const std::string& key, std::vector<_FS_F
         records->push_back(std::move(record));
         (*states)[name] = DavStateOf(entry);
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 AERROR WebdavProtocol::ListFolder(const char* key, IFileList* sink, void** cookie) {
@@ -201,14 +204,14 @@ AERROR WebdavProtocol::ListFolder(const char* key, IFileList* sink, void** cooki
     const uint64_t generation = watch_.Generation(key);
     std::vector<_FS_FILE_V2> records;
     FolderWatch::Entries states;
-    const LocalStatus status = ReadFolder(key, &records, &states);
+    const Status status = ReadFolder(key, &records, &states);
     if (!status.ok()) return ReportStatus(status, cookie);
     watch_.Store(key, generation, std::move(states));
     for (_FS_FILE_V2& record : records) {
         const AERROR code = sink->AddFile(&record);
         if (code != SUCCESS) {
             return ReportStatus(
-                LocalStatus::Error(code, std::string(key) + ": the listing was not taken"), cookie);
+                Status::Error(code, std::string(key) + ": the listing was not taken"), cookie);
         }
     }
     return SUCCESS;
@@ -225,8 +228,8 @@ void WebdavProtocol::PollFolder(const std::string& key, IFileChanges* sink) {
     const uint64_t generation = watch_.Generation(key);
     std::vector<_FS_FILE_V2> records;
     FolderWatch::Entries states;
-    const LocalStatus status = ReadFolder(key, &records, &states);
-    if (status.code == FILE_NOT_FOUND) {
+    const Status status = ReadFolder(key, &records, &states);
+    if (status.code() == FILE_NOT_FOUND) {
         // Gone: the poll of its parent reports that.
         watch_.Forget(key);
         return;
@@ -249,8 +252,8 @@ void WebdavProtocol::PollFolder(const std::string& key, IFileChanges* sink) {
     }
 }
 
-LocalStatus WebdavProtocol::Simple(const std::string& method, const std::string& path,
-                                   std::vector<std::string> headers) {
+Status WebdavProtocol::Simple(const std::string& method, const std::string& path,
+                              std::vector<std::string> headers) {
     HttpRequest request;
     request.method = method;
     request.path = path;
@@ -260,15 +263,19 @@ LocalStatus WebdavProtocol::Simple(const std::string& method, const std::string&
     return http_.Send(request, &response);
 }
 
-LocalStatus WebdavProtocol::Move(const std::string& key, const std::string& newKey, bool folder,
-                                 bool overwrite, _FS_FILE_V2* record) {
+Status WebdavProtocol::Move(const std::string& key, const std::string& newKey, bool folder,
+                            bool overwrite, _FS_FILE_V2* record) {
     const std::string parent = ParentKey(key);
     const std::string newParent = ParentKey(newKey);
     watch_.Erase(parent, NameOfKey(key));
     watch_.Touch(newParent);
-    LocalStatus status = Simple("MOVE", http_.Address().PathOf(key, folder),
-                                {"Destination: " + http_.Address().UrlOf(newKey, folder),
-                                 std::string("Overwrite: ") + (overwrite ? "T" : "F")});
+    Status status;
+    {
+        const auto pass = ClearFolder("MOVE", key, folder);
+        status = Simple("MOVE", http_.Address().PathOf(key, folder),
+                        {"Destination: " + http_.Address().UrlOf(newKey, folder),
+                         std::string("Overwrite: ") + (overwrite ? "T" : "F")});
+    }
     if (!status.ok()) return status;
     if (folder) watch_.Forget(key);
     etags_.Moved(key, newKey);
@@ -278,7 +285,7 @@ LocalStatus WebdavProtocol::Move(const std::string& key, const std::string& newK
     if (!status.ok()) return status;
     ToRecord(newKey, entry, record);
     watch_.Put(newParent, NameOfKey(newKey), DavStateOf(entry));
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 AERROR WebdavProtocol::RenameItem(const char* key, const char* parentKey, _FS_FILE_V2* record,
@@ -287,14 +294,13 @@ AERROR WebdavProtocol::RenameItem(const char* key, const char* parentKey, _FS_FI
         return ReportStatus(MissingArgument("key, folder key or record"), cookie);
     }
     if (!IsAcceptableDavName(record->name)) {
-        return ReportStatus(
-            LocalStatus::Error(INVALID_NAME, "invalid name \"" + record->name + "\""), cookie);
+        return ReportStatus(Status::Error(INVALID_NAME, "invalid name \"" + record->name + "\""),
+                            cookie);
     }
     if (ParentKey(key) != parentKey || std::string(key) == kRootKey) {
-        return ReportStatus(
-            LocalStatus::Error(INVALID_PARAMETER,
-                               std::string(key) + " is not in the folder " + parentKey),
-            cookie);
+        return ReportStatus(Status::Error(INVALID_PARAMETER,
+                                          std::string(key) + " is not in the folder " + parentKey),
+                            cookie);
     }
     const std::string newKey = JoinKey(parentKey, record->name);
     if (newKey == key) return ReportStatus(StatRecord(key, record), cookie);
@@ -310,24 +316,24 @@ AERROR WebdavProtocol::MoveItem(const char* key, const char* newParentKey, _FS_F
     return ReportStatus(DoMoveItem(key, newParentKey, record), cookie);
 }
 
-LocalStatus WebdavProtocol::DoMoveItem(const std::string& key, const std::string& newParentKey,
-                                       _FS_FILE_V2* record) {
+Status WebdavProtocol::DoMoveItem(const std::string& key, const std::string& newParentKey,
+                                  _FS_FILE_V2* record) {
     DavEntry item;
-    LocalStatus status = Stat(key, &item);
+    Status status = Stat(key, &item);
     if (!status.ok()) return status;
-    if (item.folder) return LocalStatus::Error(INVALID_PARAMETER, key + " is a folder");
+    if (item.folder) return Status::Error(INVALID_PARAMETER, key + " is a folder");
     const std::string newKey = JoinKey(newParentKey, NameOfKey(key));
     if (newKey == key) {
         ToRecord(key, item, record);
-        return LocalStatus::Ok();
+        return Status::Ok();
     }
     // Only a file may take the place of another file.
     DavEntry target;
     status = Stat(newKey, &target);
     if (status.ok() && target.folder) {
-        return LocalStatus::Error(ALREADY_EXISTS, newKey + ": a folder has this name");
+        return Status::Error(ALREADY_EXISTS, newKey + ": a folder has this name");
     }
-    if (!status.ok() && status.code != FILE_NOT_FOUND) return status;
+    if (!status.ok() && status.code() != FILE_NOT_FOUND) return status;
     return Move(key, newKey, false, status.ok(), record);
 }
 
@@ -338,7 +344,7 @@ AERROR WebdavProtocol::MoveFolder(const char* key, const char* newParentKey, _FS
     }
     if (std::string(key) == kRootKey || IsSameOrBelow(newParentKey, key)) {
         return ReportStatus(
-            LocalStatus::Error(INVALID_PARAMETER, std::string(key) + " cannot move into itself"),
+            Status::Error(INVALID_PARAMETER, std::string(key) + " cannot move into itself"),
             cookie);
     }
     const std::string newKey = JoinKey(newParentKey, NameOfKey(key));
@@ -353,20 +359,20 @@ AERROR WebdavProtocol::CreateFolder(const char* parentKey, _FS_FILE_V2* record, 
     return ReportStatus(DoCreateFolder(parentKey, record), cookie);
 }
 
-LocalStatus WebdavProtocol::DoCreateFolder(const std::string& parentKey, _FS_FILE_V2* record) {
+Status WebdavProtocol::DoCreateFolder(const std::string& parentKey, _FS_FILE_V2* record) {
     if (!IsAcceptableDavName(record->name)) {
-        return LocalStatus::Error(INVALID_NAME, "invalid name \"" + record->name + "\"");
+        return Status::Error(INVALID_NAME, "invalid name \"" + record->name + "\"");
     }
     const std::string key = JoinKey(parentKey, record->name);
     watch_.Touch(parentKey);
-    LocalStatus status = Simple("MKCOL", http_.Address().PathOf(key, true), {});
+    Status status = Simple("MKCOL", http_.Address().PathOf(key, true), {});
     if (!status.ok()) return status;
     DavEntry entry;
     status = Stat(key, &entry);
     if (!status.ok()) return status;
     ToRecord(key, entry, record);
     watch_.Put(parentKey, record->name, DavStateOf(entry));
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 AERROR WebdavProtocol::DeleteItem(const _FS_FILE_V2* record, void** cookie) {
@@ -379,12 +385,27 @@ AERROR WebdavProtocol::DeleteFolder(const _FS_FILE_V2* record, void** cookie) {
     return ReportStatus(DoDelete(record->key, true), cookie);
 }
 
-LocalStatus WebdavProtocol::DoDelete(const std::string& key, bool folder) {
+std::optional<TransferGate::Pass> WebdavProtocol::ClearFolder(const char* method,
+                                                              const std::string& key, bool folder) {
+    if (!folder) return std::nullopt;
+    TransferGate::Pass pass = gate_.Folder(key);
+    if (pass.WaitedOut() && log_ != nullptr) {
+        log_->Log(LL_WARNING, "webdav: %s of %s goes on while an upload below it still runs",
+                  method, key.c_str());
+    }
+    return pass;
+}
+
+Status WebdavProtocol::DoDelete(const std::string& key, bool folder) {
     if (key.empty() || key == kRootKey) {
-        return LocalStatus::Error(INVALID_PARAMETER, "the share itself cannot be deleted");
+        return Status::Error(INVALID_PARAMETER, "the share itself cannot be deleted");
     }
     watch_.Erase(ParentKey(key), NameOfKey(key));
-    const LocalStatus status = Simple("DELETE", http_.Address().PathOf(key, folder), {});
+    Status status;
+    {
+        const auto pass = ClearFolder("DELETE", key, folder);
+        status = Simple("DELETE", http_.Address().PathOf(key, folder), {});
+    }
     watch_.Erase(ParentKey(key), NameOfKey(key));
     if (folder) watch_.Forget(key);
     etags_.Removed(key);

@@ -30,6 +30,8 @@
 //   MoveFolder     MOVE with "Overwrite: F"; INVALID_PARAMETER into itself.
 //   CreateFolder   MKCOL; ALREADY_EXISTS when the name is taken.
 //   DeleteItem, DeleteFolder   DELETE.
+// A MOVE or DELETE of a folder waits (at most the time-out) for this remote's
+// PUTs below it, and such a PUT for it (webdav_transfer_gate.h).
 //   GetChanges     polls the folders in use (webdav_folder_watch.h) with
 //                  PROPFIND Depth 1 and reports what other clients changed.
 // Failures are mapped as webdav_errors.h says, logged once, and described by
@@ -39,6 +41,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -49,16 +52,17 @@
 #include "remotes/webdav_kept_times.h"
 #include "remotes/webdav_multistatus.h"
 #include "remotes/webdav_own_etags.h"
+#include "remotes/webdav_transfer_gate.h"
 
 class WebdavProtocol : public IProtocol_V2 {
   public:
     WebdavProtocol(WebdavAddress address, HttpSettings settings);
 
-    // Asks the server for the share. False, with one line naming the server
-    // and its answer (or the certificate problem) in *error, when the share
-    // is missing, not a folder, the login is refused or the server cannot
-    // be reached or trusted.
-    bool Check(std::string* error);
+    // Asks the server for the share. Fails, with one line naming the server
+    // and its answer (or the certificate problem), when the share is
+    // missing, not a folder, the login is refused or the server cannot be
+    // reached or trusted.
+    Status Check();
 
     AERROR GetIdentity(char* buffer, unsigned long length) override;
     AERROR GetQuota(unsigned long long* total, unsigned long long* used) override;
@@ -92,40 +96,43 @@ class WebdavProtocol : public IProtocol_V2 {
 
   private:
     // A PROPFIND of `key` with `depth` 0 or 1, parsed.
-    LocalStatus Propfind(const std::string& key, int depth, bool quota,
-                         std::vector<DavEntry>* entries);
+    Status Propfind(const std::string& key, int depth, bool quota, std::vector<DavEntry>* entries);
     // The record of `key` from its entry, with a kept time.
     void ToRecord(const std::string& key, const DavEntry& entry, _FS_FILE_V2* record);
     // The entry of `key` itself.
-    LocalStatus Stat(const std::string& key, DavEntry* entry);
-    LocalStatus StatRecord(const std::string& key, _FS_FILE_V2* record);
+    Status Stat(const std::string& key, DavEntry* entry);
+    Status StatRecord(const std::string& key, _FS_FILE_V2* record);
     // The records and states of the folder's children.
-    LocalStatus ReadFolder(const std::string& key, std::vector<_FS_FILE_V2>* records,
-                           FolderWatch::Entries* states);
+    Status ReadFolder(const std::string& key, std::vector<_FS_FILE_V2>* records,
+                      FolderWatch::Entries* states);
     bool IsChildName(const std::string& folderKey, const DavEntry& entry, std::string* name);
     void LogRefused(const std::string& what);
     void PollFolder(const std::string& key, IFileChanges* sink);
 
-    LocalStatus DoDownload(const std::string& key, long long offset, long long size,
-                           const std::shared_ptr<_FS_HANDLE>& handle, IFetchCallback* callback);
-    LocalStatus GetRange(const std::string& key, long long* position, long long end,
-                         const std::shared_ptr<_FS_HANDLE>& handle, IFetchCallback* callback);
-    LocalStatus DoUpload(const std::string& parentKey, const std::shared_ptr<_FS_HANDLE>& handle,
-                         ICacheIO* source, _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress);
-    LocalStatus Put(const std::string& key, const std::string& condition,
-                    const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* source, int64_t size,
-                    const _TRANSFERPROGRESS* progress);
-    LocalStatus Move(const std::string& key, const std::string& newKey, bool folder, bool overwrite,
-                     _FS_FILE_V2* record);
-    LocalStatus DoMoveItem(const std::string& key, const std::string& newParentKey,
-                           _FS_FILE_V2* record);
-    LocalStatus DoCreateFolder(const std::string& parentKey, _FS_FILE_V2* record);
-    LocalStatus DoDelete(const std::string& key, bool folder);
-    LocalStatus Simple(const std::string& method, const std::string& path,
-                       std::vector<std::string> headers);
+    Status DoDownload(const std::string& key, long long offset, long long size,
+                      const std::shared_ptr<_FS_HANDLE>& handle, IFetchCallback* callback);
+    Status GetRange(const std::string& key, long long* position, long long end,
+                    const std::shared_ptr<_FS_HANDLE>& handle, IFetchCallback* callback);
+    Status DoUpload(const std::string& parentKey, const std::shared_ptr<_FS_HANDLE>& handle,
+                    ICacheIO* source, _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress);
+    Status Put(const std::string& key, const std::string& condition,
+               const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* source, int64_t size,
+               const _TRANSFERPROGRESS* progress);
+    Status Move(const std::string& key, const std::string& newKey, bool folder, bool overwrite,
+                _FS_FILE_V2* record);
+    Status DoMoveItem(const std::string& key, const std::string& newParentKey, _FS_FILE_V2* record);
+    Status DoCreateFolder(const std::string& parentKey, _FS_FILE_V2* record);
+    Status DoDelete(const std::string& key, bool folder);
+    // For a folder, once this remote's PUTs below it have ended; nothing for
+    // a file.
+    std::optional<TransferGate::Pass> ClearFolder(const char* method, const std::string& key,
+                                                  bool folder);
+    Status Simple(const std::string& method, const std::string& path,
+                  std::vector<std::string> headers);
 
     ILog* const log_;
     HttpClient http_;
+    TransferGate gate_;
     FolderWatch watch_;
     OwnEtags etags_;
     KeptTimes times_;

@@ -37,29 +37,28 @@ AERROR WebdavProtocol::Download(const char* key, long long offset, long long siz
                                 std::shared_ptr<_FS_HANDLE> handle, IFetchCallback* callback,
                                 void** cookie) {
     if (key == nullptr || callback == nullptr) {
-        return ReportStatus(LocalStatus::Error(INVALID_PARAMETER, "no key or callback given"),
-                            cookie);
+        return ReportStatus(Status::Error(INVALID_PARAMETER, "no key or callback given"), cookie);
     }
     if (offset < 0 || size < 0) {
-        return ReportStatus(LocalStatus::Error(INVALID_PARAMETER, "negative range"), cookie);
+        return ReportStatus(Status::Error(INVALID_PARAMETER, "negative range"), cookie);
     }
     return ReportStatus(DoDownload(key, offset, size, handle, callback), cookie);
 }
 
-LocalStatus WebdavProtocol::DoDownload(const std::string& key, long long offset, long long size,
-                                       const std::shared_ptr<_FS_HANDLE>& handle,
-                                       IFetchCallback* callback) {
+Status WebdavProtocol::DoDownload(const std::string& key, long long offset, long long size,
+                                  const std::shared_ptr<_FS_HANDLE>& handle,
+                                  IFetchCallback* callback) {
     long long position = offset;
     const long long end = offset + size;
-    LocalStatus status;
+    Status status;
     for (int attempt = 1; position < end && attempt <= kDownloadAttempts; ++attempt) {
         const long long before = position;
         status = GetRange(key, &position, end, handle, callback);
-        if (status.ok() || status.code == READ_CANCELED) return status;
+        if (status.ok() || status.code() == READ_CANCELED) return status;
         // Only a lost connection is worth another try; it goes on from where
         // it stopped.
-        if (status.code != SOCK_REMOTE_HOST_CLOSED && status.code != SOCK_TIMEOUT &&
-            status.code != SOCK_CONNECTION_REFUSED && status.code != SOCK_TEMPORARY_ERROR) {
+        if (status.code() != SOCK_REMOTE_HOST_CLOSED && status.code() != SOCK_TIMEOUT &&
+            status.code() != SOCK_CONNECTION_REFUSED && status.code() != SOCK_TEMPORARY_ERROR) {
             return status;
         }
         if (position == before) std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -67,9 +66,9 @@ LocalStatus WebdavProtocol::DoDownload(const std::string& key, long long offset,
     return status;
 }
 
-LocalStatus WebdavProtocol::GetRange(const std::string& key, long long* position, long long end,
-                                     const std::shared_ptr<_FS_HANDLE>& handle,
-                                     IFetchCallback* callback) {
+Status WebdavProtocol::GetRange(const std::string& key, long long* position, long long end,
+                                const std::shared_ptr<_FS_HANDLE>& handle,
+                                IFetchCallback* callback) {
     HttpRequest request;
     HttpResponse response;
     request.method = "GET";
@@ -79,14 +78,14 @@ LocalStatus WebdavProtocol::GetRange(const std::string& key, long long* position
     request.streaming = true;
     request.keepGoing = [&handle] { return !handle || !handle->IsClosing(); };
     long long skip = -1;  // bytes of the answer before *position
-    LocalStatus delivery;
+    Status delivery;
     request.onData = [&](const char* data, size_t bytes) {
         if (skip < 0) {
             const bool whole = StatusOfLine(response.statusLine) == 200;
             const long long start = whole ? 0 : RangeStart(response.contentRange);
             if (start < 0 || start > *position) {
-                delivery = LocalStatus::Error(FAILED, key + ": the server sent another range (" +
-                                                          response.contentRange + ")");
+                delivery = Status::Error(FAILED, key + ": the server sent another range (" +
+                                                     response.contentRange + ")");
                 return false;
             }
             skip = *position - start;
@@ -104,17 +103,16 @@ LocalStatus WebdavProtocol::GetRange(const std::string& key, long long* position
         // More than was asked for (a server that ignored the range): stop.
         return usable == rest;
     };
-    LocalStatus status = http_.Send(request, &response);
+    Status status = http_.Send(request, &response);
     if (!delivery.ok()) return delivery;
-    if (status.code == CANCEL)
-        return LocalStatus::Error(READ_CANCELED, key + ": download cancelled");
+    if (status.code() == CANCEL) return Status::Error(READ_CANCELED, key + ": download cancelled");
     // A range that starts past the end: nothing to send.
-    if (response.status == 416) return LocalStatus::Ok();
+    if (response.status == 416) return Status::Ok();
     if (!status.ok()) return status;
     if (*position < end && !response.stoppedByReceiver) {
         *position = end;  // the file is shorter than the range: delivered what there was
     }
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
 AERROR WebdavProtocol::UploadItem(const char* parentKey, std::shared_ptr<_FS_HANDLE> handle,
@@ -122,30 +120,32 @@ AERROR WebdavProtocol::UploadItem(const char* parentKey, std::shared_ptr<_FS_HAN
                                   const _TRANSFERPROGRESS* progress, void** cookie) {
     if (source == nullptr || record == nullptr || (parentKey == nullptr && record->key.empty())) {
         return ReportStatus(
-            LocalStatus::Error(INVALID_PARAMETER, "no source, record or folder key given"), cookie);
+            Status::Error(INVALID_PARAMETER, "no source, record or folder key given"), cookie);
     }
     return ReportStatus(
         DoUpload(parentKey != nullptr ? parentKey : "", handle, source, record, progress), cookie);
 }
 
-LocalStatus WebdavProtocol::DoUpload(const std::string& parentKey,
-                                     const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* source,
-                                     _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress) {
-    if (record->size < 0) return LocalStatus::Error(INVALID_PARAMETER, "negative size");
+Status WebdavProtocol::DoUpload(const std::string& parentKey,
+                                const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* source,
+                                _FS_FILE_V2* record, const _TRANSFERPROGRESS* progress) {
+    if (record->size < 0) return Status::Error(INVALID_PARAMETER, "negative size");
     const bool existing = !record->key.empty();
     const std::string key = existing ? record->key : JoinKey(parentKey, record->name);
     if (!IsAcceptableDavName(NameOfKey(key))) {
-        return LocalStatus::Error(INVALID_NAME, "invalid name \"" + NameOfKey(key) + "\"");
+        return Status::Error(INVALID_NAME, "invalid name \"" + NameOfKey(key) + "\"");
     }
     const std::string based = existing ? etags_.Current(key, record->extra) : std::string();
     const std::string condition = !existing       ? "If-None-Match: *"
                                   : based.empty() ? std::string()
                                                   : "If-Match: " + based;
     watch_.Touch(ParentKey(key));
-    LocalStatus status;
+    Status status;
     for (int attempt = 0;; ++attempt) {
         status = Put(key, condition, handle, source, record->size, progress);
-        if (status.code != SHARING_VIOLATION || based.empty() || attempt >= kWeakEtagRetries) break;
+        if (status.code() != SHARING_VIOLATION || based.empty() || attempt >= kWeakEtagRetries) {
+            break;
+        }
         // Refused: either another client changed the file, or the server
         // will not match an ETag it still calls weak. Only the latter is
         // tried again, once the ETag has settled.
@@ -153,11 +153,12 @@ LocalStatus WebdavProtocol::DoUpload(const std::string& parentKey,
         if (!Stat(key, &current).ok() || current.etag != based) break;
         std::this_thread::sleep_for(kWeakEtagPause);
     }
-    if (status.code == SHARING_VIOLATION) {
-        status.text += existing ? " (the file was changed on the server since it was read; the "
-                                  "server's version is kept)"
-                                : " (another client created the file meanwhile; the server's "
-                                  "version is kept)";
+    if (status.code() == SHARING_VIOLATION) {
+        status.set_message(status.message() +
+                           (existing ? " (the file was changed on the server since it was read; "
+                                       "the server's version is kept)"
+                                     : " (another client created the file meanwhile; the "
+                                       "server's version is kept)"));
         return status;
     }
     if (!status.ok()) return status;
@@ -169,12 +170,12 @@ LocalStatus WebdavProtocol::DoUpload(const std::string& parentKey,
     const std::string keepName = record->name;
     ToRecord(key, stored, record);
     if (record->name.empty()) record->name = keepName;
-    return LocalStatus::Ok();
+    return Status::Ok();
 }
 
-LocalStatus WebdavProtocol::Put(const std::string& key, const std::string& condition,
-                                const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* source,
-                                int64_t size, const _TRANSFERPROGRESS* progress) {
+Status WebdavProtocol::Put(const std::string& key, const std::string& condition,
+                           const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* source,
+                           int64_t size, const _TRANSFERPROGRESS* progress) {
     HttpRequest request;
     request.method = "PUT";
     request.path = http_.Address().PathOf(key, false);
@@ -189,9 +190,16 @@ LocalStatus WebdavProtocol::Put(const std::string& key, const std::string& condi
     ProgressReporter reporter(progress, static_cast<uint64_t>(size));
     request.onSent = [&reporter](uint64_t sent) { reporter.Report(sent); };
     HttpResponse response;
-    LocalStatus status = http_.Send(request, &response);
-    if (status.code == CANCEL)
-        return LocalStatus::Error(UPLOAD_CANCELED, key + ": upload cancelled");
+    Status status;
+    {
+        const TransferGate::Pass pass = gate_.Upload(key);
+        if (pass.WaitedOut() && log_ != nullptr) {
+            log_->Log(LL_WARNING, "webdav: PUT of %s goes on while its folder is still moving",
+                      key.c_str());
+        }
+        status = http_.Send(request, &response);
+    }
+    if (status.code() == CANCEL) return Status::Error(UPLOAD_CANCELED, key + ": upload cancelled");
     if (status.ok() && size == 0) reporter.Report(0);
     return status;
 }
