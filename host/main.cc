@@ -1,21 +1,62 @@
 // skarvo: mounts remote storage as a local volume.
 //   skarvo mount [options] REMOTE... MOUNTPOINT
+//   skarvo status [--json] MOUNTPOINT
+//   skarvo unmount [--now] MOUNTPOINT
+//   skarvo remotes
+//   skarvo SOURCE MOUNTPOINT -o OPTIONS   (mount -t fuse.skarvo, /etc/fstab)
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "cli/daemon.h"
 #include "cli/mount_session.h"
+#include "cli/named_remotes.h"
 #include "cli/options.h"
+#include "cli/status_command.h"
+#include "cli/unmount_command.h"
 
 #ifndef SKARVO_VERSION
 #define SKARVO_VERSION "unknown"
 #endif
 
+namespace {
+
+int WrongArguments(const std::string& error) {
+    fprintf(stderr, "skarvo: %s (see skarvo --help)\n", error.c_str());
+    return 2;
+}
+
+int ListNamedRemotes(const EnvLookup& env) {
+    RemotesFile file;
+    const Status read = ReadRemotesFile(RemotesFilePath(env), &file);
+    if (!read.ok()) {
+        fprintf(stderr, "skarvo: %s\n", read.message().c_str());
+        return 1;
+    }
+    if (file.remotes.empty()) {
+        fprintf(stderr, "skarvo: no named remotes in %s (see man skarvo)\n", file.path.c_str());
+    }
+    fputs(ListRemotes(file).c_str(), stdout);
+    if (file.holdsPasswords && file.othersMayRead) {
+        fprintf(stderr, "skarvo: %s holds passwords but others may read it; run chmod 600 %s\n",
+                file.path.c_str(), file.path.c_str());
+    }
+    return 0;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
+    if (!args.empty() && args[0] == "status") {
+        return RunStatusCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+    }
+    if (!args.empty() && args[0] == "unmount") {
+        return RunUnmountCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+    }
     const EnvLookup env = [](const char* name) -> const char* { return getenv(name); };
-    const CommandLine command = ParseCommandLine(args, env);
+    CommandLine command = ParseCommandLine(args, env);
     switch (command.action) {
         case CommandLine::Action::kHelp:
             fputs(HelpText(env).c_str(), stdout);
@@ -24,12 +65,23 @@ int main(int argc, char** argv) {
             printf("skarvo %s\n", SKARVO_VERSION);
             return 0;
         case CommandLine::Action::kError:
-            fprintf(stderr, "skarvo: %s (see skarvo --help)\n", command.error.c_str());
-            return 2;
+            return WrongArguments(command.error);
+        case CommandLine::Action::kRemotes:
+            return ListNamedRemotes(env);
         case CommandLine::Action::kMount:
             break;
     }
+    const Status resolved = ResolveNamedRemotes(args, env, &command);
+    if (!resolved.ok()) {
+        fprintf(stderr, "skarvo: %s\n", resolved.message().c_str());
+        return 2;
+    }
     // Before any thread starts, so that every thread inherits the mask.
     BlockStopSignals();
-    return RunMountCommand(command.mount);
+    const MountOptions& options = command.mount;
+    if (!options.daemon) return RunMountCommand(options);
+    // The SOURCE MOUNTPOINT form is mount(8)'s helper: it stays quiet.
+    return RunInBackground(options.logFile, !command.mountHelper, [&](const MountedHook& mounted) {
+        return RunMountCommand(options, mounted);
+    });
 }

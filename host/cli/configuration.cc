@@ -9,6 +9,8 @@
 #include <cstring>
 #include <memory>
 
+#include "libfilesystem/unique_fd.h"
+
 namespace {
 
 // jsoncpp's messages span several lines; an error here is one line.
@@ -29,8 +31,8 @@ std::string OneLine(const std::string& text) {
 
 }  // namespace
 
-bool MergeConfiguration(const std::string& text, const std::string& origin, bool allowOther,
-                        std::string* json, std::string* error) {
+Status MergeConfiguration(const std::string& text, const std::string& origin, bool allowOther,
+                          std::string* json) {
     json->clear();
     Json::Value root(Json::objectValue);
     if (!origin.empty()) {
@@ -39,58 +41,47 @@ bool MergeConfiguration(const std::string& text, const std::string& origin, bool
         std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         std::string problem;
         if (!reader->parse(text.data(), text.data() + text.size(), &root, &problem)) {
-            *error = "config file " + origin + " is not valid JSON: " + OneLine(problem);
-            return false;
+            return Status::Error("config file " + origin +
+                                 " is not valid JSON: " + OneLine(problem));
         }
         if (!root.isObject()) {
-            *error = "config file " + origin + " must hold a JSON object ({...})";
-            return false;
+            return Status::Error("config file " + origin + " must hold a JSON object ({...})");
         }
     }
     if (!allowOther) {
         if (!origin.empty()) *json = text;
-        return true;
+        return Status::Ok();
     }
     if (root.isMember("fuse") && !root["fuse"].isObject()) {
-        *error = "config file " + origin + ": \"fuse\" must be a JSON object";
-        return false;
+        return Status::Error("config file " + origin + ": \"fuse\" must be a JSON object");
     }
     root["fuse"]["allow_other"] = true;
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "";
     *json = Json::writeString(writer, root);
-    return true;
+    return Status::Ok();
 }
 
-bool BuildConfiguration(const std::string& configFile, bool allowOther, std::string* json,
-                        std::string* error) {
+Status BuildConfiguration(const std::string& configFile, bool allowOther, std::string* json) {
     std::string text;
     if (!configFile.empty()) {
         auto fail = [&](int code) {
-            *error = "cannot read config file " + configFile + ": " + strerror(code);
-            return false;
+            return Status::Error("cannot read config file " + configFile + ": " + strerror(code));
         };
-        const int fd = open(configFile.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) return fail(errno);
+        const UniqueFd fd(open(configFile.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!fd.Valid()) return fail(errno);
         struct stat info {};
-        if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-            const int code = S_ISDIR(info.st_mode) ? EISDIR : errno;
-            close(fd);
-            return fail(code);
+        if (fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+            return fail(S_ISDIR(info.st_mode) ? EISDIR : errno);
         }
         char buffer[16384];
         for (;;) {
-            const ssize_t got = read(fd, buffer, sizeof(buffer));
+            const ssize_t got = read(fd.Get(), buffer, sizeof(buffer));
             if (got < 0 && errno == EINTR) continue;
-            if (got < 0) {
-                const int code = errno;
-                close(fd);
-                return fail(code);
-            }
+            if (got < 0) return fail(errno);
             if (got == 0) break;
             text.append(buffer, static_cast<size_t>(got));
         }
-        close(fd);
     }
-    return MergeConfiguration(text, configFile, allowOther, json, error);
+    return MergeConfiguration(text, configFile, allowOther, json);
 }

@@ -5,16 +5,17 @@
 
 #include <string>
 
+#include "common/status.h"
+
 // Merges the mount options into `text`, a JSON object read from `origin`
 // (named in errors), or into an empty object when `text` is empty and
 // `origin` too. *json is left empty when there is nothing to hand to Mount.
-// False, with one line in *error, when the text is not a JSON object or its
+// Fails, saying why in one line, when the text is not a JSON object or its
 // "fuse" member is not one.
-bool MergeConfiguration(const std::string& text, const std::string& origin, bool allowOther,
-                        std::string* json, std::string* error);
+Status MergeConfiguration(const std::string& text, const std::string& origin, bool allowOther,
+                          std::string* json);
 
 // Reads `configFile` (none when empty) and merges the mount options into it.
-bool BuildConfiguration(const std::string& configFile, bool allowOther, std::string* json,
-                        std::string* error);
+Status BuildConfiguration(const std::string& configFile, bool allowOther, std::string* json);
 
 #endif  // SKARVO_CLI_CONFIGURATION_H_

@@ -12,41 +12,39 @@
 #include <cstring>
 #include <filesystem>
 
-bool CheckMountPoint(const std::string& path, std::string* canonical, std::string* error) {
+#include "libfilesystem/unique_fd.h"
+
+Status CheckMountPoint(const std::string& path, std::string* canonical) {
     std::error_code ignored;
     const std::string shown = std::filesystem::absolute(path, ignored).lexically_normal().string();
     char* resolved = realpath(path.c_str(), nullptr);
     if (resolved == nullptr) {
         const int code = errno;
         if (code == ENOENT) {
-            *error = "mount point " + shown + " does not exist; create it with mkdir -p " + shown;
-        } else if (code == ENOTCONN) {
-            *error = "mount point " + shown +
-                     " is left over from a volume whose program ended; unmount it with "
-                     "fusermount -u " +
-                     shown;
-        } else if (code == ENOTDIR) {
-            *error = "mount point " + shown + " is not a folder";
-        } else {
-            *error = "cannot reach mount point " + shown + ": " + strerror(code);
+            return Status::Error("mount point " + shown +
+                                 " does not exist; create it with mkdir -p " + shown);
         }
-        return false;
+        if (code == ENOTCONN) {
+            return Status::Error("mount point " + shown +
+                                 " is left over from a volume whose program ended; unmount it "
+                                 "with fusermount -u " +
+                                 shown);
+        }
+        if (code == ENOTDIR) return Status::Error("mount point " + shown + " is not a folder");
+        return Status::Error("cannot reach mount point " + shown + ": " + strerror(code));
     }
     const std::string real = resolved;
     free(resolved);
     struct stat info {};
     if (stat(real.c_str(), &info) != 0) {
-        *error = "cannot reach mount point " + shown + ": " + strerror(errno);
-        return false;
+        return Status::Error("cannot reach mount point " + shown + ": " + strerror(errno));
     }
     if (!S_ISDIR(info.st_mode)) {
-        *error = "mount point " + shown + " is not a folder";
-        return false;
+        return Status::Error("mount point " + shown + " is not a folder");
     }
     DIR* folder = opendir(real.c_str());
     if (folder == nullptr) {
-        *error = "cannot read mount point " + shown + ": " + strerror(errno);
-        return false;
+        return Status::Error("cannot read mount point " + shown + ": " + strerror(errno));
     }
     bool empty = true;
     while (const dirent* entry = readdir(folder)) {
@@ -57,24 +55,22 @@ bool CheckMountPoint(const std::string& path, std::string* canonical, std::strin
     }
     closedir(folder);
     if (!empty) {
-        *error = "mount point " + shown + " is not empty";
-        return false;
+        return Status::Error("mount point " + shown + " is not empty");
     }
     *canonical = real;
-    return true;
+    return Status::Ok();
 }
 
-bool CheckFuseDevice(const std::string& device, std::string* error) {
-    const int fd = open(device.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
-        *error = "cannot open " + device + ": " + strerror(errno) +
-                 "; load the fuse module (modprobe fuse) or run inside a container with "
-                 "--device " +
-                 device;
-        return false;
+Status CheckFuseDevice(const std::string& device) {
+    const UniqueFd fd(open(device.c_str(), O_RDWR | O_CLOEXEC));
+    if (!fd.Valid()) {
+        return Status::Error(
+            "cannot open " + device + ": " + strerror(errno) +
+            "; load the fuse module (modprobe fuse) or run inside a container with "
+            "--device " +
+            device);
     }
-    close(fd);
-    return true;
+    return Status::Ok();
 }
 
 std::string ResolvePath(const std::string& path) {

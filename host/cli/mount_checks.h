@@ -4,14 +4,16 @@
 #define SKARVO_CLI_MOUNT_CHECKS_H_
 
 #include <string>
+
 #include <vector>
+#include "common/status.h"
 
 // The mount point must exist, be a folder and be empty. On success
 // *canonical is its absolute path with links resolved.
-bool CheckMountPoint(const std::string& path, std::string* canonical, std::string* error);
+Status CheckMountPoint(const std::string& path, std::string* canonical);
 
 // Opens `device` (/dev/fuse) for reading and writing, as mounting will.
-bool CheckFuseDevice(const std::string& device, std::string* error);
+Status CheckFuseDevice(const std::string& device);
 
 // `path` with its longest existing leading part resolved (links, "..");
 // for paths that may not exist yet.

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -13,13 +14,20 @@
 #include <vector>
 
 #include "cli/configuration.h"
+#include "cli/control_socket.h"
+#include "cli/crash_recovery.h"
 #include "cli/mount_checks.h"
+#include "cli/realtime_filter.h"
 #include "cli/remote_schemes.h"
 #include "cli/run_loop.h"
+#include "cli/unmount_command.h"
 #include "cli/upload_events.h"
+#include "cli/volume_status.h"
+#include "common/status.h"
 #include "libfilesystem/entry_points.h"
 #include "services/disk_cache.h"
 #include "services/job_queue.h"
+#include "services/log_levels.h"
 #include "services/logger.h"
 
 namespace {
@@ -113,62 +121,100 @@ std::string MountErrorText(AERROR code, const std::string& point, const MountOpt
 // down: the library lets go of the services before they are destroyed.
 class Session {
   public:
-    explicit Session(const MountOptions& options) : options_(options) {}
+    Session(const MountOptions& options, MountedHook mounted)
+        : options_(options), mountedHook_(std::move(mounted)) {}
     ~Session() { Teardown(); }
 
     int Run();
 
   private:
     int Prepare();
+    // skarvo's log (standard error, or --log-file) and the library's view of it.
+    Status OpenLog();
+    // Opens and connects every remote, each shown once, and none holding
+    // the mount point.
+    Status OpenRemotes();
+    // skarvo's own folders must stay out of the volume and out of what it shows.
+    Status CheckOwnFolders() const;
+    void Recover();
+    void ListenForControl();
+    void Answer(const std::string& request, const ControlServer::Writer& write);
     int AddRemotes();
     void Teardown();
     void RestoreMountPoint();
 
     const MountOptions& options_;
+    const MountedHook mountedHook_;
     std::string point_;
+    std::string cacheFolder_;
     struct stat pointInfo_ {};
     std::string configuration_;
     std::unique_ptr<Logger> logger_;
+    std::unique_ptr<LibraryLog> libraryLog_;  // the library's lines, through the table
     std::vector<OpenedRemote> remotes_;
     std::vector<std::string> identities_;
     std::string volumeName_;
     std::unique_ptr<JobQueue> queue_;
     std::shared_ptr<DiskCache> cache_;
     std::shared_ptr<UploadEvents> events_;
+    std::unique_ptr<ControlServer> control_;
     const std::shared_ptr<StopNotice> stopping_ = std::make_shared<StopNotice>();
     bool bound_ = false;
     bool mounted_ = false;
 };
 
 int Session::Prepare() {
-    std::string error;
-    if (!CheckMountPoint(options_.mountPoint, &point_, &error)) return Fail(error);
+    Status status = CheckMountPoint(options_.mountPoint, &point_);
+    if (!status.ok()) return Fail(status.message());
     stat(point_.c_str(), &pointInfo_);
-    if (!CheckFuseDevice("/dev/fuse", &error)) return Fail(error);
-    if (!BuildConfiguration(options_.configFile, options_.allowOther, &configuration_, &error)) {
-        return Fail(error);
+    status = CheckFuseDevice("/dev/fuse");
+    if (status.ok()) {
+        status = BuildConfiguration(options_.configFile, options_.allowOther, &configuration_);
     }
+    if (status.ok()) status = OpenLog();
+    if (status.ok()) status = OpenRemotes();
+    if (status.ok()) status = CheckOwnFolders();
+    if (!status.ok()) return Fail(status.message());
+    volumeName_ = !options_.volumeName.empty() ? options_.volumeName
+                                               : VolumeNameFromIdentity(identities_.front());
+
+    queue_ = std::make_unique<JobQueue>();
+    cacheFolder_ = VolumeCacheDir(options_.cacheDir, volumeName_, identities_);
+    status = DiskCache::Create(cacheFolder_, options_.cacheMaxBytes, queue_.get(), logger_.get(),
+                               &cache_);
+    if (!status.ok()) return Fail(status.message() + "; choose another folder with --cache-dir");
+    logger_->Log(LL_INFO, "cache of %s: %s", point_.c_str(), cacheFolder_.c_str());
+    return 0;
+}
+
+Status Session::OpenLog() {
     if (options_.logFile.empty()) {
         logger_ = std::make_unique<Logger>(options_.logLevel);
     } else {
-        logger_ = Logger::OpenFile(options_.logFile, options_.logLevel, &error);
-        if (!logger_) return Fail(error);
+        const Status opened = Logger::OpenFile(options_.logFile, options_.logLevel, &logger_);
+        if (!opened.ok()) return opened;
     }
+    libraryLog_ = std::make_unique<LibraryLog>(logger_.get());
+    return Status::Ok();
+}
 
+Status Session::OpenRemotes() {
     std::set<std::string> seen;
     RemoteOptions remoteOptions = options_.remote;
     remoteOptions.log = logger_.get();
     remoteOptions.stopping = stopping_;
     for (const RemoteArgument& argument : options_.remotes) {
-        OpenedRemote remote = OpenRemote(argument, remoteOptions, &error);
-        if (!remote.protocol) return Fail(error);
+        OpenedRemote remote;
+        const Status opened = OpenRemote(argument, remoteOptions, &remote);
+        if (!opened.ok()) return opened;
         if (IsSameOrInside(point_, remote.localFolder)) {
-            return Fail("mount point " + point_ + " lies inside the remote folder " +
-                        remote.localFolder + "; choose a mount point outside it");
+            return Status::Error("mount point " + point_ + " lies inside the remote folder " +
+                                 remote.localFolder + "; choose a mount point outside it");
         }
         const AERROR connected = remote.protocol->Connect();
         if (connected != SUCCESS) {
-            return Fail("cannot connect to " + argument.text + ": " + GetAERRORA(connected));
+            return Status::Error(
+                connected, "cannot connect to " + argument.text + ": " + GetAERRORA(connected));
         }
         char identity[4096] = "";
         if (remote.protocol->GetIdentity(identity, sizeof(identity)) != SUCCESS ||
@@ -176,12 +222,15 @@ int Session::Prepare() {
             snprintf(identity, sizeof(identity), "%s", argument.text.c_str());
         }
         if (!seen.insert(identity).second) {
-            return Fail("remote " + argument.text + " is given twice (" + identity + ")");
+            return Status::Error("remote " + argument.text + " is given twice (" + identity + ")");
         }
         identities_.push_back(identity);
         remotes_.push_back(std::move(remote));
     }
-    // skarvo's own folders must stay out of the volume and out of what it shows.
+    return Status::Ok();
+}
+
+Status Session::CheckOwnFolders() const {
     const std::pair<const char*, std::string> folders[] = {
         {"--cache-dir", options_.cacheDir}, {"--recovery-dir", options_.upload.recoveryDir}};
     for (const auto& folder : folders) {
@@ -193,23 +242,19 @@ int Session::Prepare() {
             }
         }
         if (!container.empty()) {
-            return Fail(std::string(folder.first) + " " + folder.second + " lies inside " +
-                        container + "; choose a folder outside it");
+            return Status::Error(std::string(folder.first) + " " + folder.second + " lies inside " +
+                                 container + "; choose a folder outside it");
         }
     }
-    volumeName_ = !options_.volumeName.empty() ? options_.volumeName
-                                               : VolumeNameFromIdentity(identities_.front());
-
-    queue_ = std::make_unique<JobQueue>();
-    const std::string cacheFolder = VolumeCacheDir(options_.cacheDir, volumeName_, identities_);
-    cache_ =
-        DiskCache::Create(cacheFolder, options_.cacheMaxBytes, queue_.get(), logger_.get(), &error);
-    if (!cache_) return Fail(error + "; choose another folder with --cache-dir");
-    logger_->Log(LL_INFO, "cache of %s: %s", point_.c_str(), cacheFolder.c_str());
-    return 0;
+    return Status::Ok();
 }
 
 int Session::AddRemotes() {
+    IFileSystem_V2* volume = FS_GetFileSystemImpl(point_.c_str());
+    if (volume != nullptr && !options_.realtimeProcesses.empty()) {
+        volume->SetFSFilter(std::make_shared<RealtimeProcessFilter>(volume->GetFSFilter(),
+                                                                    options_.realtimeProcesses));
+    }
     for (size_t i = 0; i < remotes_.size(); ++i) {
         IFileSystem_V2* fs = FS_GetFileSystemImpl(point_.c_str());
         const std::string& name = options_.remotes[i].text;
@@ -222,10 +267,73 @@ int Session::AddRemotes() {
     return 0;
 }
 
+// Uploads, or saves, what an earlier skarvo on this cache left unsent, and
+// says so in one line.
+void Session::Recover() {
+    std::map<const IProtocol_V2*, std::string> identities;
+    std::vector<RecoveryRemote> remotes;
+    for (size_t i = 0; i < remotes_.size(); ++i) {
+        identities[remotes_[i].protocol.get()] = identities_[i];
+        remotes.push_back({identities_[i], options_.remotes[i].text, remotes_[i].protocol.get()});
+    }
+    cache_->SetRemoteIdentities(identities);
+    const RecoveryResult result =
+        RecoverUnsentData(cache_.get(), remotes, point_, events_.get(), logger_.get());
+    if (result.Files() == 0) return;
+    std::string line = "recovered " + std::to_string(result.Files()) +
+                       " files that were not uploaded when skarvo last stopped: " +
+                       std::to_string(result.uploaded) + " uploaded, " +
+                       std::to_string(result.saved) + " saved to the recovery folder " +
+                       options_.upload.recoveryDir;
+    if (result.dropped > 0) line += ", " + std::to_string(result.dropped) + " deleted meanwhile";
+    if (result.kept > 0) line += ", " + std::to_string(result.kept) + " kept in the cache";
+    logger_->Log(result.saved + result.kept > 0 ? LL_WARNING : LL_INFO, "%s", line.c_str());
+    events_->Say("skarvo: " + line);
+}
+
+// One request of the control channel.
+void Session::Answer(const std::string& request, const ControlServer::Writer& write) {
+    if (request == "status") {
+        const Json::Value status =
+            VolumeStatus(*cache_, events_->Ledger(), point_, options_.upload.recoveryDir);
+        write(Json::writeString(Json::StreamWriterBuilder(), status) + "\n");
+    } else if (request == "unmount" || request == "unmount now") {
+        UnmountServer server;
+        server.mountPoint = point_;
+        server.isMounted = [this] { return FS_GetFileSystemImpl(point_.c_str()) != nullptr; };
+        server.unsent = [this] { return PendingUploads(*cache_); };
+        ServeUnmount(server, request == "unmount now", write);
+    } else {
+        write("{\"error\": \"unknown request\"}\n");
+    }
+}
+
+// Serves `skarvo status` and `skarvo unmount`. Without the channel the volume still works; the
+// log says why it is missing.
+void Session::ListenForControl() {
+    std::string path;
+    Status status = ControlSocketPath(point_, &path);
+    if (status.ok()) {
+        status = ControlServer::Start(
+            path,
+            [this](const std::string& request, const ControlServer::Writer& write) {
+                Answer(request, write);
+            },
+            &control_);
+    }
+    if (!status.ok()) {
+        logger_->Log(LL_WARNING, "skarvo status and unmount will not answer: %s",
+                     status.message().c_str());
+    }
+}
+
 int Session::Run() {
     if (const int failed = Prepare()) return failed;
+    events_ = std::make_shared<UploadEvents>(options_.upload, point_, logger_.get(),
+                                             !mountedHook_ && isatty(STDERR_FILENO) == 1);
+    Recover();
 
-    FS_BindLogger(FS_LOGGER_MAIN, logger_.get());
+    FS_BindLogger(FS_LOGGER_MAIN, libraryLog_.get());
     FS_BindAsyncQ(queue_.get());
     FS_BindCache(cache_.get());
     bound_ = true;
@@ -238,8 +346,6 @@ int Session::Run() {
     if (mountResult != SUCCESS) return Fail(MountErrorText(mountResult, point_, options_));
     mounted_ = true;
 
-    events_ = std::make_shared<UploadEvents>(options_.upload, point_, logger_.get(),
-                                             isatty(STDERR_FILENO) == 1);
     if (remotes_.size() == 1) {
         // A cookie comes from the protocol that failed; with one remote that
         // is known.
@@ -258,11 +364,16 @@ int Session::Run() {
         return failed;
     }
 
+    ListenForControl();
     std::string names;
     for (const RemoteArgument& argument : options_.remotes)
         names += (names.empty() ? "" : " + ") + argument.text;
     logger_->Log(LL_INFO, "mounted %s at %s", names.c_str(), point_.c_str());
-    volume.Say("mounted " + names + " at " + point_ + "; press Ctrl-C to unmount");
+    if (mountedHook_) {
+        mountedHook_(cacheFolder_);
+    } else {
+        volume.Say("mounted " + names + " at " + point_ + "; press Ctrl-C to unmount");
+    }
 
     const RunEnd end = RunUntilUnmounted(volume, point_);
     // The library may still be using the services: nothing can be torn down.
@@ -276,6 +387,7 @@ int Session::Run() {
 
 void Session::Teardown() {
     stopping_->Stop();
+    control_.reset();
     if (mounted_) {
         // A failure after mounting: the volume must not outlive skarvo.
         LibraryVolume volume(point_, cache_.get(), events_.get(), stopping_.get());
@@ -321,7 +433,7 @@ void BlockStopSignals() {
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-int RunMountCommand(const MountOptions& options) {
-    Session session(options);
+int RunMountCommand(const MountOptions& options, const MountedHook& mounted) {
+    Session session(options, mounted);
     return session.Run();
 }

@@ -3,6 +3,7 @@
 #ifndef SKARVO_CLI_MOUNT_SESSION_H_
 #define SKARVO_CLI_MOUNT_SESSION_H_
 
+#include "cli/daemon.h"
 #include "cli/options.h"
 
 // Blocks SIGINT, SIGTERM and SIGHUP in the calling thread, and so in every
@@ -12,7 +13,8 @@ void BlockStopSignals();
 
 // Runs the mount command; returns the process's exit code: 0 once the volume
 // was unmounted, 1 when it could not be mounted (the reason was printed as
-// one line on standard error).
-int RunMountCommand(const MountOptions& options);
+// one line on standard error). `mounted`, when given, is called once the
+// volume is mounted and serving (the background mode's hook).
+int RunMountCommand(const MountOptions& options, const MountedHook& mounted = nullptr);
 
 #endif  // SKARVO_CLI_MOUNT_SESSION_H_

@@ -8,76 +8,80 @@
 
 namespace {
 
-OpenedRemote OpenLocal(const std::string& location, const RemoteOptions&, std::string* error) {
-    OpenedRemote opened;
-    std::shared_ptr<LocalProtocol> protocol = LocalProtocol::Create(location, error);
-    if (protocol == nullptr) return opened;
-    opened.localFolder = protocol->Root();
-    opened.protocol = std::move(protocol);
-    return opened;
+Status OpenLocal(const std::string& location, const RemoteOptions&, OpenedRemote* opened) {
+    std::shared_ptr<LocalProtocol> protocol;
+    const Status created = LocalProtocol::Create(location, &protocol);
+    if (!created.ok()) return created;
+    opened->localFolder = protocol->Root();
+    opened->protocol = std::move(protocol);
+    return Status::Ok();
 }
 
 // Opens a share and checks it answers, so that a wrong password or an
 // untrusted certificate stops the mount at once with the server's answer.
-OpenedRemote OpenWebdavShare(bool tls, const std::string& location, const RemoteOptions& options,
-                             std::string* error) {
-    OpenedRemote opened;
+Status OpenWebdavShare(bool tls, const std::string& location, const RemoteOptions& options,
+                       OpenedRemote* opened) {
     WebdavAddress address;
-    if (!ParseWebdavAddress(tls, location, &address, error)) return opened;
+    if (const Status failed = ParseWebdavAddress(tls, location, &address); !failed.ok()) {
+        return failed;
+    }
     HttpSettings settings;
     settings.user = address.user;
-    if (!LoadWebdavPassword(options.passwordFile, &settings.password, error)) return opened;
+    if (!options.password.empty()) {
+        settings.password = options.password;
+    } else if (const Status failed = LoadWebdavPassword(options.passwordFile, &settings.password);
+               !failed.ok()) {
+        return failed;
+    }
     settings.insecure = options.insecure;
     settings.timeoutSeconds = options.timeoutSeconds;
     settings.log = options.log;
     auto protocol = std::make_shared<WebdavProtocol>(std::move(address), std::move(settings));
-    if (!protocol->Check(error)) return opened;
-    opened.protocol = std::move(protocol);
-    return opened;
+    if (const Status failed = protocol->Check(); !failed.ok()) return failed;
+    opened->protocol = std::move(protocol);
+    return Status::Ok();
 }
 
-OpenedRemote OpenWebdav(const std::string& location, const RemoteOptions& options,
-                        std::string* error) {
-    return OpenWebdavShare(false, location, options, error);
+Status OpenWebdav(const std::string& location, const RemoteOptions& options, OpenedRemote* opened) {
+    return OpenWebdavShare(false, location, options, opened);
 }
 
-OpenedRemote OpenWebdavs(const std::string& location, const RemoteOptions& options,
-                         std::string* error) {
-    return OpenWebdavShare(true, location, options, error);
+Status OpenWebdavs(const std::string& location, const RemoteOptions& options,
+                   OpenedRemote* opened) {
+    return OpenWebdavShare(true, location, options, opened);
 }
 
 // "FAULTS:REMOTE", with REMOTE parsed as any other remote argument.
-bool ParseFaultLocation(const std::string& location, FaultList* faults, RemoteArgument* wrapped,
-                        std::string* error) {
+Status ParseFaultLocation(const std::string& location, FaultList* faults, RemoteArgument* wrapped) {
     std::string faultsText;
     std::string remoteText;
     const auto isScheme = [](const std::string& name) { return FindRemoteScheme(name) != nullptr; };
     if (!SplitFaultLocation(location, isScheme, &faultsText, &remoteText)) {
-        *error =
+        return Status::Error(
             "remote 'fault:" + location +
-            "' must look like fault:FAULTS:REMOTE, e.g. fault:upload=0.3,seed=7:local:/srv/data";
-        return false;
+            "' must look like fault:FAULTS:REMOTE, e.g. fault:upload=0.3,seed=7:local:/srv/data");
     }
-    return ParseFaultList(faultsText, faults, error) && ParseRemote(remoteText, wrapped, error);
+    const Status parsed = ParseFaultList(faultsText, faults);
+    if (!parsed.ok()) return parsed;
+    return ParseRemote(remoteText, wrapped);
 }
 
-bool CheckFault(const std::string& location, std::string* error) {
+Status CheckFault(const std::string& location) {
     FaultList faults;
     RemoteArgument wrapped;
-    return ParseFaultLocation(location, &faults, &wrapped, error);
+    return ParseFaultLocation(location, &faults, &wrapped);
 }
 
-OpenedRemote OpenFault(const std::string& location, const RemoteOptions& options,
-                       std::string* error) {
+Status OpenFault(const std::string& location, const RemoteOptions& options, OpenedRemote* opened) {
     FaultList faults;
     RemoteArgument wrapped;
-    if (!ParseFaultLocation(location, &faults, &wrapped, error)) return OpenedRemote();
-    OpenedRemote opened = OpenRemote(wrapped, options, error);
-    if (!opened.protocol) return opened;
-    opened.protocol = std::make_shared<FaultProtocol>(std::move(opened.protocol), std::move(faults),
-                                                      std::chrono::seconds(options.timeoutSeconds),
-                                                      options.stopping, options.log);
-    return opened;
+    Status status = ParseFaultLocation(location, &faults, &wrapped);
+    if (status.ok()) status = OpenRemote(wrapped, options, opened);
+    if (!status.ok()) return status;
+    opened->protocol = std::make_shared<FaultProtocol>(
+        std::move(opened->protocol), std::move(faults),
+        std::chrono::seconds(options.timeoutSeconds), options.stopping, options.log);
+    return Status::Ok();
 }
 
 std::string SchemeNames() {
@@ -120,47 +124,41 @@ const RemoteScheme* FindRemoteScheme(const std::string& name) {
     return nullptr;
 }
 
-bool ParseRemote(const std::string& text, RemoteArgument* argument, std::string* error) {
+Status ParseRemote(const std::string& text, RemoteArgument* argument) {
     const size_t colon = text.find(':');
     if (colon == std::string::npos || colon == 0) {
-        if (error != nullptr) {
-            *error = "remote '" + text + "' must look like SCHEME:LOCATION, e.g. local:/srv/data";
-        }
-        return false;
+        return Status::Error("remote '" + text +
+                             "' must look like SCHEME:LOCATION, e.g. local:/srv/data");
     }
     const std::string name = text.substr(0, colon);
     const RemoteScheme* scheme = FindRemoteScheme(name);
     if (scheme == nullptr) {
-        if (error != nullptr) {
-            *error = "unknown remote kind '" + name + "' in '" + text +
-                     "' (known: " + SchemeNames() + ")";
-        }
-        return false;
+        return Status::Error("unknown remote kind '" + name + "' in '" + text +
+                             "' (known: " + SchemeNames() + ")");
     }
     if (colon + 1 == text.size()) {
-        if (error != nullptr) {
-            *error = "remote '" + text + "' names no " + scheme->location + " after the colon";
-        }
-        return false;
+        return Status::Error("remote '" + text + "' names no " + scheme->location +
+                             " after the colon");
     }
-    std::string refused;
-    if (scheme->check != nullptr && !scheme->check(text.substr(colon + 1), &refused)) {
-        if (error != nullptr) *error = refused;
-        return false;
+    if (scheme->check != nullptr) {
+        const Status checked = scheme->check(text.substr(colon + 1));
+        if (!checked.ok()) return checked;
     }
     argument->text = text;
     argument->scheme = scheme;
     argument->location = text.substr(colon + 1);
-    return true;
+    return Status::Ok();
 }
 
-OpenedRemote OpenRemote(const RemoteArgument& argument, const RemoteOptions& options,
-                        std::string* error) {
+Status OpenRemote(const RemoteArgument& argument, const RemoteOptions& options,
+                  OpenedRemote* opened) {
     if (argument.scheme == nullptr) {
-        if (error != nullptr) *error = "remote '" + argument.text + "' was not parsed";
-        return OpenedRemote();
+        return Status::Error("remote '" + argument.text + "' was not parsed");
     }
-    return argument.scheme->open(argument.location, options, error);
+    if (argument.password.empty()) return argument.scheme->open(argument.location, options, opened);
+    RemoteOptions withPassword = options;
+    withPassword.password = argument.password;
+    return argument.scheme->open(argument.location, withPassword, opened);
 }
 
 std::string VolumeNameFromIdentity(const std::string& identity) {

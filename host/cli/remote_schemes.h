@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/status.h"
 #include "libfilesystem/log.h"
 #include "libfilesystem/protocol.h"
 #include "remotes/stop_notice.h"
@@ -24,6 +25,7 @@ struct OpenedRemote {
 // Options of the command line that network remotes use.
 struct RemoteOptions {
     std::string passwordFile;  // --password-file; empty: none
+    std::string password;      // of a named remote; empty: the usual sources
     bool insecure = false;     // --insecure: accept any TLS certificate
     long timeoutSeconds = 30;  // --timeout: of each request, and of a hung fault: call
     ILog* log = nullptr;       // where remotes log; may be null
@@ -37,11 +39,10 @@ struct RemoteScheme {
     const char* description;  // for --help
     // Checks what `open` would refuse without opening anything, so that a
     // bad argument is found with the others; null when only opening can tell.
-    bool (*check)(const std::string& location, std::string* error);
-    // Opens the remote at `location`; a null protocol, with one line saying
-    // what is wrong in *error, when it cannot.
-    OpenedRemote (*open)(const std::string& location, const RemoteOptions& options,
-                         std::string* error);
+    Status (*check)(const std::string& location);
+    // Opens the remote at `location` into *opened; fails, with one line
+    // saying what is wrong, when it cannot.
+    Status (*open)(const std::string& location, const RemoteOptions& options, OpenedRemote* opened);
 };
 
 // Every scheme, in the order --help lists them.
@@ -54,16 +55,18 @@ struct RemoteArgument {
     std::string text;  // as given: "local:/srv/data"
     const RemoteScheme* scheme = nullptr;
     std::string location;  // "/srv/data"
+    std::string name;      // "nas" for "nas:", a remote of remotes.conf; else empty
+    std::string password;  // from remotes.conf; empty: the usual sources
 };
 
-// Splits "SCHEME:LOCATION" and finds the scheme. False, with one line in
-// *error, when there is no scheme, the scheme is unknown, the location is
-// empty or the scheme's check refuses it.
-bool ParseRemote(const std::string& text, RemoteArgument* argument, std::string* error);
+// Splits "SCHEME:LOCATION" and finds the scheme. Fails, with one line, when
+// there is no scheme, the scheme is unknown, the location is empty or the
+// scheme's check refuses it.
+Status ParseRemote(const std::string& text, RemoteArgument* argument);
 
-// Opens a parsed remote through its scheme.
-OpenedRemote OpenRemote(const RemoteArgument& argument, const RemoteOptions& options,
-                        std::string* error);
+// Opens a parsed remote through its scheme, into *opened.
+Status OpenRemote(const RemoteArgument& argument, const RemoteOptions& options,
+                  OpenedRemote* opened);
 
 // The volume name derived from a remote's identity ("local:/srv/data" gives
 // "data"): the last component of the location, or the scheme name when the

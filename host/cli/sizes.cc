@@ -36,10 +36,9 @@ bool EqualsIgnoringCase(const std::string& text, const char* word) {
 
 }  // namespace
 
-bool ParseSize(const std::string& text, uint64_t* bytes, std::string* error) {
+Status ParseSize(const std::string& text, uint64_t* bytes) {
     auto fail = [&](const std::string& why) {
-        if (error != nullptr) *error = "invalid size '" + text + "': " + why;
-        return false;
+        return Status::Error("invalid size '" + text + "': " + why);
     };
     size_t pos = 0;
     uint64_t whole = 0;
@@ -80,7 +79,7 @@ bool ParseSize(const std::string& text, uint64_t* bytes, std::string* error) {
                                                         static_cast<long double>(unit) / scale);
     if (whole * unit > UINT64_MAX - fromFraction) return fail("too large");
     *bytes = whole * unit + fromFraction;
-    return true;
+    return Status::Ok();
 }
 
 std::string FormatBytes(uint64_t bytes) {

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "libfilesystem/aerror.h"
+#include "libfilesystem/unique_fd.h"
+#include "services/make_dirs.h"
 
 namespace {
 
@@ -38,29 +40,6 @@ const char* ErrorKindText(int kind) {
 
 std::string Text(const char* text) {
     return text != nullptr ? text : "";
-}
-
-// Creates `path` and its missing parents, private to the user.
-bool MakeDirs(const std::string& path, std::string* error) {
-    std::string part;
-    size_t start = 0;
-    while (start < path.size()) {
-        size_t slash = path.find('/', start);
-        if (slash == std::string::npos) slash = path.size();
-        part = path.substr(0, slash);
-        start = slash + 1;
-        if (part.empty()) continue;
-        if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
-            *error = "cannot create " + part + ": " + strerror(errno);
-            return false;
-        }
-    }
-    struct stat info {};
-    if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-        *error = path + " is not a folder";
-        return false;
-    }
-    return true;
 }
 
 size_t TerminalWidth() {
@@ -124,15 +103,7 @@ void UploadEvents::Log(LOGLEVEL level, const std::string& text) {
 }
 
 void UploadEvents::WriteTerminal(const std::string& text) {
-    const char* data = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        const ssize_t done = write(STDERR_FILENO, data, left);
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return;
-        data += done;
-        left -= static_cast<size_t>(done);
-    }
+    WriteAll(STDERR_FILENO, text.data(), text.size());
 }
 
 void UploadEvents::Shutdown() {
@@ -174,7 +145,8 @@ void UploadEvents::Notice(int kind, const char* localPath, const char* /*originP
     const std::string where = target.empty() ? "the recovery folder" : target;
     switch (kind) {
         case FSNOTICE_SAVED_TO_FILE:
-            Log(LL_WARNING, "the data of " + path + " that was not uploaded is saved in " + where);
+            // The decision to save was logged as a warning already.
+            Log(LL_INFO, "the data of " + path + " that was not uploaded is saved in " + where);
             break;
         case FSNOTICE_SAVE_FAILED:
             Log(LL_ERROR, "could not save the data of " + path + " to " + where +
@@ -204,6 +176,7 @@ int UploadEvents::AskUploadFailure(AERROR code, const char* localPath, char* ans
                                    unsigned long answerLength) {
     const std::string path = Text(localPath);
     const std::string failure = "upload of " + path + " failed (" + GetAERRORA(code) + ")";
+    ledger_.Failed(path, code);
     std::unique_lock<std::mutex> lock(mutex_);
     const ProgressView::Output ended = view_.Abandon(DisplayName(path));
     if (!ended.terminal.empty()) WriteTerminal(ended.terminal);
@@ -211,6 +184,7 @@ int UploadEvents::AskUploadFailure(AERROR code, const char* localPath, char* ans
     switch (policy_.action) {
         case UploadFailureAction::kCancel:
             retries_.erase(path);
+            ledger_.Forget(path);
             Log(LL_ERROR, failure +
                               "; cancelled as --on-upload-failure=cancel asks: the remote "
                               "file stays as it was and the changes are dropped");
@@ -246,46 +220,55 @@ int UploadEvents::AskUploadFailure(AERROR code, const char* localPath, char* ans
 int UploadEvents::AnswerSave(const std::string& localPath, const std::string& reason,
                              char* answerPath, unsigned long answerLength) {
     retries_.erase(localPath);
-    std::string error;
-    const std::string target = ReserveRecoveryFile(localPath, &error);
-    if (!target.empty() && (answerPath == nullptr || target.size() + 1 > answerLength)) {
+    ledger_.Forget(localPath);
+    std::string target;
+    Status status = ReserveRecoveryFile(localPath, &target);
+    if (status.ok() && (answerPath == nullptr || target.size() + 1 > answerLength)) {
         reserved_.erase(target);
-        error = "its recovery path " + target + " is too long";
-    } else if (!target.empty()) {
+        status = Status::Error("its recovery path " + target + " is too long");
+    } else if (status.ok()) {
         memcpy(answerPath, target.c_str(), target.size() + 1);
         saving_[localPath] = target;
         Log(LL_WARNING, reason + "; saving its data to " + target);
         return UPLOAD_ANSWER_SAVE;
     }
-    Log(LL_ERROR, reason + " and its data cannot be saved: " + error +
+    Log(LL_ERROR, reason + " and its data cannot be saved: " + status.message() +
                       "; it stays in the cache, not uploaded");
     return 0;
 }
 
-std::string UploadEvents::ReserveRecoveryFile(const std::string& localPath, std::string* error) {
+Status UploadEvents::ReserveRecoveryPath(const std::string& localPath, std::string* path) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return ReserveRecoveryFile(localPath, path);
+}
+
+Status UploadEvents::ReserveRecoveryFile(const std::string& localPath, std::string* path) {
     const std::string base = RecoveryPathFor(policy_.recoveryDir, mountPoint_, localPath);
     const std::string parent = base.substr(0, base.rfind('/'));
-    if (!parent.empty() && !MakeDirs(parent, error)) return "";
+    if (!parent.empty()) {
+        const Status made = MakeDirs(parent);
+        if (!made.ok()) return made;
+    }
     for (int suffix = 0; suffix <= kMaxRecoverySuffix; ++suffix) {
         const std::string candidate = suffix == 0 ? base : base + "." + std::to_string(suffix);
         if (reserved_.count(candidate) != 0) continue;
         struct stat info {};
         if (lstat(candidate.c_str(), &info) == 0) continue;
         if (errno != ENOENT) {
-            *error = "cannot check " + candidate + ": " + strerror(errno);
-            return "";
+            return Status::Error("cannot check " + candidate + ": " + strerror(errno));
         }
         reserved_.insert(candidate);
-        return candidate;
+        *path = candidate;
+        return Status::Ok();
     }
-    *error = "every name from " + base + " to " + base + "." + std::to_string(kMaxRecoverySuffix) +
-             " is taken";
-    return "";
+    return Status::Error("every name from " + base + " to " + base + "." +
+                         std::to_string(kMaxRecoverySuffix) + " is taken");
 }
 
 void UploadEvents::Progress(const char* localPath, unsigned long long done,
                             unsigned long long total, double rate) {
     const std::string path = Text(localPath);
+    ledger_.Progress(path, done, total);
     const size_t width = terminal_ ? TerminalWidth() : 80;
     ProgressView::Output out;
     {

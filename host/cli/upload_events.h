@@ -12,9 +12,15 @@
 #include <string>
 
 #include "cli/progress.h"
+#include "cli/upload_ledger.h"
 #include "cli/upload_policy.h"
+#include "common/status.h"
 #include "libfilesystem/event_sink.h"
 #include "libfilesystem/log.h"
+
+// A file being saved to the recovery folder carries this suffix until its
+// data is complete (the library's saves and crash recovery's alike).
+inline constexpr char kRecoveryPartSuffix[] = ".skarvo-part";
 
 // Failed uploads, by policy:
 //   retry   answers UPLOAD_ANSWER_RETRY after a pause of 1, 2, 4... seconds
@@ -52,6 +58,8 @@ class UploadEvents : public IFSEvent {
     void SetCookieDescriber(CookieDescriber describer) { describer_ = std::move(describer); }
 
     void Shutdown();
+    // Each upload's progress and failures, for `skarvo status`.
+    const UploadLedger& Ledger() const { return ledger_; }
     // Writes `line` to standard error on a line of its own, ending a progress
     // bar first.
     void Say(const std::string& line);
@@ -68,6 +76,11 @@ class UploadEvents : public IFSEvent {
     // The pause before retry number `retry` (1-based): 1, 2, 4... seconds,
     // at most a minute.
     static std::chrono::seconds Backoff(int retry);
+    // A free path in the recovery folder for the data of `localPath` (the
+    // file's path under the mount point), with its folders made, in *path;
+    // fails, saying why, when there is none.
+    Status ReserveRecoveryPath(const std::string& localPath, std::string* path);
+
     // Where the data of `localPath` is saved: its path below `mountPoint`,
     // under `recoveryDir`.
     static std::string RecoveryPathFor(const std::string& recoveryDir,
@@ -78,9 +91,9 @@ class UploadEvents : public IFSEvent {
     // none. Called with mutex_ held.
     int AnswerSave(const std::string& localPath, const std::string& reason, char* answerPath,
                    unsigned long answerLength);
-    // Creates the parent folders and picks a path nobody uses; empty, with the
-    // reason in *error, when it cannot.
-    std::string ReserveRecoveryFile(const std::string& localPath, std::string* error);
+    // Creates the parent folders and picks a path nobody uses, into *path;
+    // fails, saying why, when it cannot.
+    Status ReserveRecoveryFile(const std::string& localPath, std::string* path);
     // Pauses with `lock` held on entry and on return; false when cut short.
     bool Pause(std::unique_lock<std::mutex>& lock, std::chrono::seconds delay);
     // The file's path in the volume, as progress shows it: "dir/name".
@@ -102,6 +115,7 @@ class UploadEvents : public IFSEvent {
     std::set<std::string> reserved_;             // recovery paths handed out
     std::map<std::string, std::string> saving_;  // recovery path, by local path
     ProgressView view_;
+    UploadLedger ledger_;
 };
 
 #endif  // SKARVO_CLI_UPLOAD_EVENTS_H_
