@@ -138,77 +138,41 @@ std::string Str(const std::vector<char>& bytes, size_t offset, size_t size) {
     return std::string(bytes.data() + offset, size);
 }
 
-// --- PreventTimeoutCacheIO ---------------------------------------------------
-
-TEST(PreventTimeoutCacheIOTest, ForwardsToTheCacheObjectAndPassesItsResultOn) {
+TEST(PreventTimeoutCacheIOTest, ForwardsAndResetsTheTimeoutOnlyOnceTheIntervalHasPassed) {
     auto target = std::make_shared<MemoryTarget>();
-    CountingExportService service;
-    FixedConfig config(0, 20000);
-    PreventTimeoutCacheIO io(target, &service, &config);
     const auto bytes = RandomBytes(100, 1);
-
+    CountingExportService quick;
+    FixedConfig slow(5000, 20000);
+    PreventTimeoutCacheIO io(target, &quick, &slow);
     EXPECT_EQ(WriteAt(io, bytes, 0, 100), SUCCESS);
-    EXPECT_EQ(ReadAt(io, 10, 20).bytes, Str(bytes, 10, 20));
+    for (int i = 0; i < 1000; ++i)
+        ASSERT_EQ(ReadAt(io, 10, 20).bytes, Str(bytes, 10, 20));
+    EXPECT_EQ(quick.resets, 0) << "transfers far quicker than the interval";
     target->failWith = FILE_NOT_FOUND;
     EXPECT_EQ(ReadAt(io, 0, 10).code, FILE_NOT_FOUND);
     EXPECT_EQ(WriteAt(io, bytes, 0, 10), FILE_NOT_FOUND);
+    target->failWith = SUCCESS;
 
-    // Without a cache object nothing moves, so nothing is reset either.
-    CountingExportService idle;
-    PreventTimeoutCacheIO empty(nullptr, &idle, &config);
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(ReadAt(empty, 0, 10).code, ACCESS_VIOLATION);
-    EXPECT_EQ(WriteAt(empty, bytes, 0, 10), ACCESS_VIOLATION);
-    EXPECT_EQ(idle.resets, 0);
-}
-
-TEST(PreventTimeoutCacheIOTest, ResetsOnlyOnceTheIntervalHasPassed) {
-    auto target = std::make_shared<MemoryTarget>();
-    target->data.resize(64);
-    {
-        // Reads far quicker than the interval never reset.
-        CountingExportService service;
-        FixedConfig config(5000, 20000);
-        PreventTimeoutCacheIO io(target, &service, &config);
-        for (int i = 0; i < 1000; ++i)
-            ASSERT_EQ(ReadAt(io, 0, 64).code, SUCCESS);
-        EXPECT_EQ(service.resets, 0);
-    }
-    {
-        // Each transfer that comes after the interval resets, with fstimeout.
-        CountingExportService service;
-        FixedConfig config(1, 20000);
-        PreventTimeoutCacheIO io(target, &service, &config);
-        for (int i = 0; i < 3; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            ASSERT_EQ(ReadAt(io, 0, 64).code, SUCCESS);
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            ASSERT_EQ(WriteAt(io, RandomBytes(8, 3), 0, 8), SUCCESS);
-        }
-        EXPECT_EQ(service.resets, 6);
-        EXPECT_EQ(service.lastValue, 20000u);
-    }
-    // Missing collaborators disable the reset without harming the transfer.
+    // Each transfer after the interval resets, with fstimeout.
     CountingExportService service;
-    FixedConfig config(0, 20000);
-    PreventTimeoutCacheIO noService(target, nullptr, &config);
-    PreventTimeoutCacheIO noConfig(target, &service, nullptr);
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(ReadAt(noService, 0, 64).code, SUCCESS);
-    EXPECT_EQ(ReadAt(noConfig, 0, 64).code, SUCCESS);
-    EXPECT_EQ(service.resets, 0);
+    FixedConfig config(1, 20000);
+    PreventTimeoutCacheIO resetting(target, &service, &config);
+    for (int i = 0; i < 3; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        ASSERT_EQ(ReadAt(resetting, 0, 64).code, SUCCESS);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        ASSERT_EQ(WriteAt(resetting, bytes, 0, 8), SUCCESS);
+    }
+    EXPECT_EQ(service.resets, 6);
+    EXPECT_EQ(service.lastValue, 20000u);
 }
 
-// --- EvCache -----------------------------------------------------------------
-
-TEST(EvCacheTest, DeliversBytesInOrderUpToTheTotal) {
+TEST(EvCacheTest, DeliversBytesInOrderUpToTheTotalAndEndsWithTheHandle) {
     auto handle = std::make_shared<_FS_HANDLE>();
     const auto bytes = RandomBytes(150, 4);
-
     EvCache empty(handle, 0);
     auto first = ReadAsync(empty, 0, 10);  // nothing to wait for
     EXPECT_EQ(Await(first, "end of an empty pipe").code, SUCCESS);
-
     EvCache pipe(handle, 100);
     ASSERT_EQ(WriteAt(pipe, bytes, 0, 60), SUCCESS);
     ASSERT_EQ(WriteAt(pipe, bytes, 60, 90), SUCCESS);
@@ -220,86 +184,45 @@ TEST(EvCacheTest, DeliversBytesInOrderUpToTheTotal) {
     const ReadResult end = ReadAt(pipe, 100, 10);
     EXPECT_EQ(end.code, SUCCESS);
     EXPECT_EQ(end.bytes, "");
-}
 
-TEST(EvCacheTest, RaisesTheFetchMarkToWhatItReceivedWhileLittleIsBuffered) {
-    auto handle = std::make_shared<_FS_HANDLE>();
-    const auto bytes = RandomBytes(4 << 20, 5);
-
-    EvCache pipe(handle, 1000);
-    ASSERT_EQ(WriteAt(pipe, bytes, 0, 100), SUCCESS);
-    ASSERT_EQ(ReadAt(pipe, 0, 40).code, SUCCESS);
-    EXPECT_EQ(handle->fetchMark, 100);
-    ASSERT_EQ(WriteAt(pipe, bytes, 100, 900), SUCCESS);
-    ASSERT_EQ(ReadAt(pipe, 40, 10).code, SUCCESS);
-    EXPECT_EQ(handle->fetchMark, 100);  // everything has arrived
-
-    handle->fetchMark = 0;
-    EvCache full(handle, 4 << 20);
-    ASSERT_EQ(WriteAt(full, bytes, 0, 3 << 20), SUCCESS);
-    ASSERT_EQ(ReadAt(full, 0, 1).code, SUCCESS);
-    EXPECT_EQ(handle->fetchMark, 0);  // 2 MiB or more are waiting
-    ASSERT_EQ(ReadAt(full, 1, (1 << 20) + 1).code, SUCCESS);
-    EXPECT_EQ(handle->fetchMark, 3 << 20);
-}
-
-TEST(EvCacheTest, ClosingTheHandleEndsTheRead) {
-    auto handle = std::make_shared<_FS_HANDLE>();
-    EvCache pipe(handle, 100);
-    auto blocked = ReadAsync(pipe, 0, 10);
+    EvCache waiting(handle, 100);
+    auto blocked = ReadAsync(waiting, 0, 10);
     LetItBlock();
     handle->state = HANDLE_STATE_CLOSED;
     EXPECT_EQ(Await(blocked, "a read on a closed handle").code, FAILED);
-
-    ASSERT_EQ(WriteAt(pipe, RandomBytes(10, 6), 0, 10), SUCCESS);
-    EXPECT_EQ(ReadAt(pipe, 0, 10).code, FAILED);  // closed before the read
-
-    EvCache noHandle(nullptr, 100);
-    ASSERT_EQ(WriteAt(noHandle, RandomBytes(10, 6), 0, 10), SUCCESS);
-    EXPECT_EQ(ReadAt(noHandle, 0, 10).code, FAILED);
+    ASSERT_EQ(WriteAt(waiting, bytes, 0, 10), SUCCESS);
+    EXPECT_EQ(ReadAt(waiting, 0, 10).code, FAILED);  // closed before the read
 }
 
-// --- FileCache ---------------------------------------------------------------
-
-TEST(FileCacheTest, ReadsAnywhereBelowWhatWasFilled) {
+TEST(FileCacheTest, ReadsAnywhereBelowWhatWasFilledAndTargetFailuresBecomePipeFailures) {
     auto handle = std::make_shared<_FS_HANDLE>();
     auto target = std::make_shared<MemoryTarget>();
     const auto bytes = RandomBytes(8192, 7);
     FileCache cache(handle, 8192, target);
-
     ASSERT_EQ(WriteAt(cache, bytes, 0, 4096), SUCCESS);
     const ReadResult cut = ReadAt(cache, 1024, 8192);
-    EXPECT_EQ(cut.code, SUCCESS);
     EXPECT_EQ(cut.size, 3072u);
     EXPECT_EQ(cut.bytes, Str(bytes, 1024, 3072));
     EXPECT_EQ(handle->fetchMark, 4096);
     EXPECT_EQ(ReadAt(cache, 0, 16).bytes, Str(bytes, 0, 16));  // backwards is fine
-
-    ASSERT_EQ(WriteAt(cache, bytes, 4096, 4096), SUCCESS);
-    EXPECT_EQ(ReadAt(cache, 8000, 500).bytes, Str(bytes, 8000, 192));
-    EXPECT_EQ(handle->fetchMark, 16);  // not raised to the total
-    const ReadResult end = ReadAt(cache, 8192, 10);
-    EXPECT_EQ(end.code, SUCCESS);
-    EXPECT_EQ(end.bytes, "");
-}
-
-TEST(FileCacheTest, TargetFailuresBecomePipeFailures) {
-    auto handle = std::make_shared<_FS_HANDLE>();
-    auto target = std::make_shared<MemoryTarget>();
-    const auto bytes = RandomBytes(200, 8);
-    FileCache cache(handle, 200, target);
-    ASSERT_EQ(WriteAt(cache, bytes, 0, 100), SUCCESS);
-
     target->failWith = FILE_NOT_FOUND;
     EXPECT_EQ(ReadAt(cache, 0, 10).code, FILE_READ_FAILED);
-    EXPECT_EQ(WriteAt(cache, bytes, 100, 100), FILE_WRITE_FAILED);
-
+    EXPECT_EQ(WriteAt(cache, bytes, 4096, 4096), FILE_WRITE_FAILED);
     // The failed write filled nothing: a read there still waits, until close.
     target->failWith = SUCCESS;
-    auto blocked = ReadAsync(cache, 100, 10);
+    auto blocked = ReadAsync(cache, 4096, 10);
     LetItBlock();
+    ASSERT_EQ(WriteAt(cache, bytes, 4096, 4096), SUCCESS);
+    EXPECT_EQ(Await(blocked, "a read of data written later").bytes, Str(bytes, 4096, 10));
+    EXPECT_EQ(ReadAt(cache, 8000, 500).bytes, Str(bytes, 8000, 192));
+    EXPECT_EQ(ReadAt(cache, 8192, 10).bytes, "");
+    auto otherHandle = std::make_shared<_FS_HANDLE>();
+    FileCache waiting(otherHandle, 100, target);
+    auto stuck = ReadAsync(waiting, 0, 10);
+    LetItBlock();
+    otherHandle->state = HANDLE_STATE_CLOSED;
+    EXPECT_EQ(Await(stuck, "a read on a closed handle").code, FAILED);
     handle->state = HANDLE_STATE_CLOSED;
-    EXPECT_EQ(Await(blocked, "a read on a closed handle").code, FAILED);
     EXPECT_EQ(ReadAt(cache, 0, 10).code, FAILED);
 }
 
@@ -350,19 +273,6 @@ TEST(PipeStreamTest, BothPipesCarryEightMiBIntact) {
     FileCache file(fileHandle, static_cast<long long>(bytes.size()),
                    std::make_shared<MemoryTarget>());
     StreamThrough(file, *fileHandle, bytes);
-}
-
-// --- FetchToBuffer -------------------------------------------------------------
-
-TEST(FetchToBufferTest, EveryChunkLandsAtTheStart) {
-    char destination[8] = "-------";
-    FetchToBuffer callback(destination);
-    long written = 0;
-    EXPECT_EQ(callback.FetchWrite(0, "abcdef", 6, &written), SUCCESS);
-    EXPECT_EQ(written, 6);
-    EXPECT_EQ(callback.FetchWrite(6, "XY", 2, nullptr), SUCCESS);
-    EXPECT_STREQ(destination, "XYcdef-");
-    EXPECT_EQ(callback.GetTotalWritten(), 8);
 }
 
 }  // namespace

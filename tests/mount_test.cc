@@ -4,15 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
+#include <system_error>
 
 #include "api/mount_manager.h"
-#include "export/export_service_fuse.h"
-#include "export/notify_export_service.h"
 #include "libfilesystem/libfilesystem.h"
+#include "services/job_queue.h"
 #include "support/memory_protocol.h"
 #include "support/test_env.h"
-#include "support/thread_queue.h"
 
 namespace {
 
@@ -67,7 +67,8 @@ class MountTest : public ::testing::Test {
     }
 
     RecordingLog log_;
-    ThreadQueue queue_;
+    // The host's queue; idle threads retire soon, so thread counts settle.
+    JobQueue queue_{JobQueue::kDefaultMaxThreads, std::chrono::milliseconds(100)};
     TempDir dir_;
     std::string point_;
     std::shared_ptr<MemoryProtocol> protocol_;
@@ -79,42 +80,49 @@ class MountTest : public ::testing::Test {
         if (!why.empty()) GTEST_SKIP() << why;            \
     } while (0)
 
-TEST_F(MountTest, VolumeComesUpServesOtherProcessesAndGoesDownOnUnmount) {
+TEST_F(MountTest, VolumeComesUpServesOtherProcessesAndGoesDownOnEitherUnmount) {
     REQUIRE_KERNEL_MOUNT();
-    CountingNotifier notifier;
-    IFileSystem_V2* fs = MountWithProtocol();
-    ASSERT_NE(fs, nullptr);
-    fs->SetNotifier(&notifier);
-    std::weak_ptr<MemoryProtocol> protocol = protocol_;
-    protocol_.reset();
-    EXPECT_TRUE(IsMounted(point_));
-    EXPECT_EQ(FS_GetFileSystemImpl(point_.c_str()), fs);
-
-    EXPECT_EQ(RunProgram({"stat", point_}), 0);
-    EXPECT_TRUE(log_.Has("[FILESYSTEM] [" + point_ + ":stat] GetAttr : /", LL_DEBUG));
-
-    ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
-    ASSERT_TRUE(WaitGone());
-    EXPECT_FALSE(IsMounted(point_));
-    EXPECT_EQ(notifier.driveRemoved.load(), 1);  // Finalize ran once
-    EXPECT_TRUE(protocol.expired());             // Destroy dropped the protocols
-    EXPECT_TRUE(WaitUntil([&] { return log_.Has(point_ + " unmounted"); }));
-    EXPECT_NE(access(point_.c_str(), F_OK), 0);  // the mount point is removed
+    for (const bool fromOutside : {false, true}) {
+        CountingNotifier notifier;
+        IFileSystem_V2* fs = MountWithProtocol();
+        ASSERT_NE(fs, nullptr);
+        fs->SetNotifier(&notifier);
+        std::weak_ptr<MemoryProtocol> protocol = protocol_;
+        protocol_.reset();
+        EXPECT_TRUE(IsMounted(point_));
+        EXPECT_EQ(FS_GetFileSystemImpl(point_.c_str()), fs);
+        EXPECT_EQ(RunProgram({"stat", point_}), 0);
+        EXPECT_TRUE(log_.Has("[FILESYSTEM] [" + point_ + ":stat] GetAttr : /", LL_DEBUG));
+        if (fromOutside) {
+            ASSERT_EQ(RunProgram({"fusermount", "-u", point_}), 0);
+        } else {
+            ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
+        }
+        ASSERT_TRUE(WaitGone());
+        EXPECT_FALSE(IsMounted(point_));
+        EXPECT_EQ(notifier.driveRemoved.load(), 1);  // Finalize ran once
+        EXPECT_TRUE(protocol.expired());             // Destroy dropped the protocols
+        EXPECT_TRUE(WaitUntil([&] { return log_.Has(point_ + " unmounted"); }));
+        // The mount point is removed.
+        EXPECT_TRUE(WaitUntil([&] { return access(point_.c_str(), F_OK) != 0; }));
+        log_.Clear();
+    }
 }
 
-TEST_F(MountTest, UnmountFromOutsideTearsTheMountDownTheSameWay) {
+TEST_F(MountTest, WithoutAFinalisingThreadTheMountThreadTearsTheVolumeDown) {
     REQUIRE_KERNEL_MOUNT();
-    CountingNotifier notifier;
-    IFileSystem_V2* fs = MountWithProtocol();
-    ASSERT_NE(fs, nullptr);
-    fs->SetNotifier(&notifier);
-    ASSERT_TRUE(IsMounted(point_));
-
-    ASSERT_EQ(RunProgram({"fusermount", "-u", point_}), 0);
-    ASSERT_TRUE(WaitGone());
+    ASSERT_NE(MountWithProtocol(), nullptr);
+    const auto starter = MountManager::startThread;
+    MountManager::startThread = [](std::function<void()>) {
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    };
+    ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
+    const bool gone = WaitGone();
+    MountManager::startThread = starter;
+    ASSERT_TRUE(gone);
+    EXPECT_TRUE(log_.Has("[FILESYSTEM] " + point_ + ": thread constructor failed", LL_ERROR));
+    EXPECT_TRUE(log_.Has(point_ + " unmounted"));
     EXPECT_FALSE(IsMounted(point_));
-    EXPECT_EQ(notifier.driveRemoved.load(), 1);
-    EXPECT_TRUE(WaitUntil([&] { return access(point_.c_str(), F_OK) != 0; }));
 }
 
 TEST_F(MountTest, RefusesASecondMountAndOneDuringUnmountingLeavingTheFirstWorking) {
@@ -146,27 +154,6 @@ TEST_F(MountTest, RefusesASecondMountAndOneDuringUnmountingLeavingTheFirstWorkin
     EXPECT_TRUE(WaitGone());
 }
 
-TEST_F(MountTest, MountTypeBitsGiveFeaturesAndLogLines) {
-    REQUIRE_KERNEL_MOUNT();
-    IFileSystem_V2* fs = MountWithProtocol(MT_NO_ASYNC_UPLOAD | MT_REALTIME_UPLOAD);
-    ASSERT_NE(fs, nullptr);
-    EXPECT_EQ(fs->GetFeature(), FEATURE_REALTIME_UPLOAD);
-    EXPECT_TRUE(log_.Has("[FILESYSTEM] " + point_ + ": Async Upload Off", LL_INFO));
-    EXPECT_TRUE(log_.Has("[FILESYSTEM] " + point_ + ": Realtime Upload On", LL_INFO));
-    ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
-    ASSERT_TRUE(WaitGone());
-
-    fs = MountWithProtocol(MT_READ_ONLY);
-    ASSERT_NE(fs, nullptr);
-    EXPECT_EQ(RunProgram({"stat", point_ + "/hello.txt"}), 0);
-    EXPECT_EQ(fs->GetFeature(), FEATURE_ASYNC_UPLOAD);
-    EXPECT_TRUE(log_.Has("[FILESYSTEM] " + point_ + ": Async Upload On", LL_INFO));
-    EXPECT_TRUE(log_.Has("[FILESYSTEM] " + point_ + ": Realtime Upload Off", LL_INFO));
-    std::string mounts;
-    RunProgram({"grep", point_, "/proc/mounts"}, &mounts);
-    EXPECT_NE(mounts.find(" ro,"), std::string::npos) << mounts;
-}
-
 TEST_F(MountTest, ExceptionsInACallbackAreLoggedAndAnsweredWithEIO) {
     REQUIRE_KERNEL_MOUNT();
     IFileSystem_V2* fs = nullptr;
@@ -186,7 +173,7 @@ TEST_F(MountTest, RepeatedMountsLeakNoThreadFileDescriptorOrMount) {
     ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
     ASSERT_TRUE(WaitGone());
     queue_.Drain();
-    ASSERT_TRUE(WaitUntil([&] { return queue_.Running() == 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return queue_.ThreadCount() == 0; }));
     const int threads = CountThreads();
     const int fds = CountOpenFds();
 
@@ -202,55 +189,6 @@ TEST_F(MountTest, RepeatedMountsLeakNoThreadFileDescriptorOrMount) {
         << CountThreads() << " threads, " << threads << " before";
     EXPECT_EQ(CountOpenFds(), fds);
     EXPECT_FALSE(IsMounted(point_));
-}
-
-TEST(MountManagerTest, RefusesUnknownServicesAndReportsFailedMounts) {
-    RecordingLog log;
-    FS_BindLogger(FS_LOGGER_MAIN, &log);
-    ASSERT_EQ(FS_Initialize("skarvo-test"), SUCCESS);
-    TempDir dir;
-    const std::string point = dir / "mnt";
-    IFileSystem_V2* fs = nullptr;
-    EXPECT_EQ(MountManager::GetInstance().Mount(point.c_str(), "Vol", MT_DEFAULT, &fs, nullptr,
-                                                nullptr, EXPORT_SERVICE_NONE),
-              NOT_SUPPORTED);
-    EXPECT_EQ(MountManager::GetInstance().Mount(point.c_str(), "Vol", MT_DEFAULT, &fs, nullptr,
-                                                nullptr, static_cast<EXPORT_SERVICE_TYPE>(77)),
-              NOT_SUPPORTED);
-    EXPECT_EQ(MountManager::GetInstance().Mount(point.c_str(), "Vol", MT_DEFAULT, &fs, nullptr,
-                                                nullptr, EXPORT_SERVICE_RPC),
-              FS_MOUNT_ERROR);
-    EXPECT_TRUE(log.Has("[FILESYSTEM] Mount failed : 8(" + point + ", Vol)", LL_ERROR));
-    EXPECT_TRUE(log.Has("[FILESYSTEM] Skarvo filesystem installed", LL_INFO));
-    EXPECT_EQ(FS_GetFileSystemImpl(point.c_str()), nullptr);
-    // A broken configuration text refuses the mount before anything is made.
-    EXPECT_EQ(Mount(point.c_str(), "Vol", MT_DEFAULT, &fs, nullptr, "{broken"), JSON_PARSE_FAILED);
-    FS_UnbindLogger();
-}
-
-TEST(ProcessNameTest, NamesAreLowerCasedAndGoneProcessesAreTheirPid) {
-    TempDir dir;
-    const std::string finder = dir / "Finder";
-    ASSERT_EQ(symlink("/bin/sleep", finder.c_str()), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        execl(finder.c_str(), "Finder", "30", static_cast<char*>(nullptr));
-        _exit(1);
-    }
-    ASSERT_TRUE(WaitUntil([&] { return ExportServiceFUSE::GetProcessName(child) == "finder"; }));
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    // A pid that no process holds.
-    EXPECT_EQ(ExportServiceFUSE::GetProcessName(4194303), "4194303");
-}
-
-TEST(ExportServiceTest, ResetTimeoutIsCountedAndEventNamesMatchWholeValues) {
-    ExportServiceFUSE service;
-    service.ResetTimeout(60000);
-    service.ResetTimeout(60000);
-    EXPECT_EQ(service.ResetTimeoutCount(), 2u);
-    EXPECT_STREQ(NotifyExportService::GetEventMsg(NE_RENAMEFOLDER), "NE_RENAMEFOLDER");
-    EXPECT_STREQ(NotifyExportService::GetEventMsg(static_cast<NOTIFYEVENT>(0x3)), "Unknown");
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ TEST_F(NamespaceTest, CreatingAFolderAsksTheRemoteFirst) {
     auto docs = Node("/docs");
     notifier_.Clear();
     ASSERT_EQ(docs->CreateDirectory("New"), SUCCESS);
-    EXPECT_TRUE(protocol_->IsFolder("/docs/New"));
+    EXPECT_NE(protocol_->AddFolder("/docs/New"), "");  // "" when not a folder
     EXPECT_TRUE(Children("/docs").count("New"));
     EXPECT_EQ(notifier_.Events(), (std::vector<std::string>{"NE_MKDIR docs\\New"}));
 
@@ -123,6 +123,20 @@ TEST_F(NamespaceTest, RenamesReplaceTargetsKeepCaseAndFailCleanly) {
     EXPECT_EQ(docs->RenameFile(a, std::string("c.txt"), "mv"), SOCK_TIMEOUT);
     EXPECT_EQ(a->Name(), "B.TXT");
     EXPECT_EQ(events_->Errors().back().kind, FSEVENT_RENAME_FAILED);
+}
+
+// The volume's rename follows rename(2): the target is the final name, and
+// what rename(2) refuses leaves both sides untouched.
+TEST_F(NamespaceTest, VolumeRenamesFollowRenameTwo) {
+    protocol_->AddFile("/full/keep.txt", "keep");
+    protocol_->AddFolder("/empty");
+    EXPECT_EQ(fs_->Rename("/docs/sub", "/full", "mv"), -ENOTEMPTY);
+    EXPECT_TRUE(protocol_->Exists("/full/keep.txt"));
+    EXPECT_EQ(fs_->Rename("/docs/a.txt", "/empty", "mv"), -EISDIR);
+    EXPECT_EQ(fs_->Rename("/docs/sub", "/docs/a.txt", "mv"), -ENOTDIR);
+    EXPECT_EQ(fs_->Rename("/docs/sub", "/empty", "mv"), 0);
+    EXPECT_TRUE(protocol_->Exists("/empty/deep.txt"));
+    EXPECT_FALSE(protocol_->Exists("/docs/sub"));
 }
 
 TEST_F(NamespaceTest, AMoveRemovesRenamesThenAddsInThatOrder) {

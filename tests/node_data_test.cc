@@ -1,8 +1,10 @@
 // A node's data: reads through the cache or straight from the remote,
-// writes and their upload state, streaming writes, truncation.
+// writes and their upload state, the streaming pipe, truncation.
 #include <atomic>
 #include <thread>
 
+#include "data/async_job.h"
+#include "data/stream_pipe.h"
 #include "support/volume_fixture.h"
 
 namespace {
@@ -18,46 +20,34 @@ std::string Pattern(size_t size) {
 
 class NodeDataTest : public VolumeFixture {};
 
-TEST_F(NodeDataTest, ReadsFetchOnlyWhatTheCacheLacks) {
-    const std::string content = Pattern(100000);
+TEST_F(NodeDataTest, ReadsGoThroughTheCacheOrElseStraightToTheRemote) {
+    const std::string content = Pattern(200000);
     protocol_->AddFile("/data.bin", content);
+    protocol_->AddFile("/other.bin", content);
+    protocol_->SetPieceSize(10000);  // a direct download comes in pieces
     ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
     auto node = Node("/data.bin");
     ASSERT_TRUE(node);
-
     EXPECT_EQ(ReadNode(node, 10000, 5000), content.substr(10000, 5000));
-    // Blocks of 4096 bytes: the read covered blocks 2 to 3.
-    EXPECT_EQ(cache_.FetchedRanges(), (std::vector<std::pair<long long, long long>>{{8192, 8192}}));
     EXPECT_EQ(ReadNode(node, 10000, 5000), content.substr(10000, 5000));
-    EXPECT_EQ(cache_.FetchCalls(), 1);
-    // Past the end, a read is cut to the file size.
-    EXPECT_EQ(ReadNode(node, 99990, 4096), content.substr(99990));
-    EXPECT_EQ(ReadNode(node, 100000, 4096), "");
-    EXPECT_EQ(cache_.FetchedRanges().back(), (std::pair<long long, long long>{98304, 1696}));
-}
+    EXPECT_EQ(ReadNode(node, 199990, 4096), content.substr(199990));  // cut to the size
+    EXPECT_EQ(ReadNode(node, 200000, 4096), "");
+    EXPECT_EQ(protocol_->Calls(Op::Download), 2);
 
-TEST_F(NodeDataTest, ACacheThatFailsFallsBackToOneDirectDownload) {
-    const std::string content = Pattern(200000);
-    protocol_->AddFile("/data.bin", content);
-    protocol_->SetPieceSize(10000);  // the direct download comes in pieces
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-    auto node = Node("/data.bin");
+    // A cache that fails falls back to one direct download, reported once.
+    protocol_->ResetCounters();
     protocol_->FailNext(Op::Download, SOCK_TIMEOUT);
     EXPECT_EQ(ReadNode(node, 50000, 131072), content.substr(50000, 131072));
     EXPECT_EQ(protocol_->Calls(Op::Download), 2);  // the cache's fill, then the fallback
-    EXPECT_EQ(events_->Errors().size(), 1u);
+    ASSERT_EQ(events_->Errors().size(), 1u);
     EXPECT_EQ(events_->Errors()[0].kind, FSEVENT_READ_FAILED);
-}
 
-TEST_F(NodeDataTest, WithoutACacheReadsGoStraightToTheRemote) {
-    const std::string content = Pattern(70000);
-    protocol_->AddFile("/data.bin", content);
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    // Without a cache object reads go straight to the remote, in one range.
+    protocol_->ResetCounters();
     cache_.SetOpenFails(true);
-    auto node = Node("/data.bin");
-    EXPECT_EQ(ReadNode(node, 0, 70000), content);
-    EXPECT_EQ(protocol_->DownloadedRanges(),
-              (std::vector<std::pair<long long, long long>>{{0, 70000}}));
+    auto other = Node("/other.bin");
+    EXPECT_EQ(ReadNode(other, 0, 70000), content.substr(0, 70000));
+    EXPECT_EQ(protocol_->Calls(Op::Download), 1);
 }
 
 TEST_F(NodeDataTest, AnOfflineOnlyFileNeverDownloads) {
@@ -85,7 +75,7 @@ TEST_F(NodeDataTest, WritesMarkTheNodeAndMoveItsUploadState) {
 
     auto finder = OpenNode(node, 'w', "finder");
     EXPECT_FALSE(node->IsModified());  // the file manager opening for write
-    EXPECT_EQ(node->GetUploadState(), 1u);
+    EXPECT_EQ(node->GetUploadState(), UploadState::Opened);
     node->Handles().CloseHandle(finder.get());
     auto other = OpenNode(node, 'w', "Finder");
     EXPECT_TRUE(node->IsModified());  // any other spelling counts as a writer
@@ -95,19 +85,12 @@ TEST_F(NodeDataTest, WritesMarkTheNodeAndMoveItsUploadState) {
     unsigned long written = 0;
     ASSERT_EQ(node->WriteFile(handle.get(), "HELLO", 5, &written, 0, nullptr), SUCCESS);
     EXPECT_EQ(written, 5u);
-    EXPECT_EQ(node->GetUploadState(), 2u);
-    // Writing part of a block the cache lacks fetches the rest of it first.
-    EXPECT_EQ(cache_.Contents("\\doc.txt"), "HELLO world");
+    EXPECT_EQ(node->GetUploadState(), UploadState::Written);
     ASSERT_EQ(node->WriteFile(handle.get(), "!!", 2, &written, 11, nullptr), SUCCESS);
     EXPECT_EQ(node->Info()->size, 13);
     node->Handles().CloseHandle(handle.get());
+    // Writing part of a block the cache lacked fetched the rest of it first.
     EXPECT_EQ(ReadNode(node, 0, 100), "HELLO world!!");
-
-    std::string buffer(4, '\0');
-    EXPECT_EQ(
-        node->WriteFile(reinterpret_cast<_FS_HANDLE_EXT*>(0x10), "x", 1, &written, 0, nullptr),
-        INVALID_HANDLE);
-    EXPECT_TRUE(log_.Has("[FILESYSTEM] Invalid handle : Unknown handle on WriteFile"));
 }
 
 TEST_F(NodeDataTest, TruncatingToZeroForgetsTheRemoteContent) {
@@ -131,130 +114,117 @@ TEST_F(NodeDataTest, TruncatingToZeroForgetsTheRemoteContent) {
     EXPECT_EQ(node->SetEndOfFile(reader.get(), 5), ACCESS_DENIED);
 }
 
-TEST_F(NodeDataTest, FetchStopsAtTheFetchableSize) {
-    protocol_->AddFile("/f.bin", Pattern(1000));
+// A remote that keeps archive marks, or answers that it keeps none.
+class ArchivingProtocol : public MemoryProtocol {
+  public:
+    AERROR SetArchive(const char* key, bool archived, void**) override {
+        marks.push_back(std::string(key) + (archived ? " set" : " cleared"));
+        return answer;
+    }
+    std::vector<std::string> marks;
+    AERROR answer = NOT_SUPPORTED;
+};
+
+TEST_F(NodeDataTest, AStoredUploadGetsTheNodeTimeInTheServerZoneAndItsArchiveMark) {
+    // The server writes its local wall-clock times, in a zone east of UTC.
+    struct SeoulTime {
+        const std::string saved = getenv("TZ") != nullptr ? getenv("TZ") : "UTC";
+        SeoulTime() { Use("Asia/Seoul"); }
+        ~SeoulTime() { Use(saved.c_str()); }
+        static void Use(const char* zone) {
+            setenv("TZ", zone, 1);
+            tzset();
+        }
+    } zone;
+    auto protocol = std::make_shared<ArchivingProtocol>();
+    protocol_ = protocol;
+    protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_SET_TIME |
+                               PROTOCOL_CAP_SERVER_TIME_OFFSET);
+    protocol_->AddFolder("/dir");
     ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-    auto node = Node("/f.bin");
-    auto handle = OpenNode(node, 'r');
-    class Sink : public IFetchCallback {
-      public:
-        AERROR FetchWrite(long long, const char*, long size, long* written) override {
-            bytes += size;
-            if (written != nullptr) *written = size;
-            return SUCCESS;
-        }
-        long bytes = 0;
-    } sink;
-    EXPECT_EQ(node->Fetch(1000, 4096, handle, &sink), SUCCESS);
-    EXPECT_EQ(protocol_->Calls(Op::Download), 0);
-    EXPECT_EQ(node->Fetch(900, 4096, handle, &sink), SUCCESS);
-    EXPECT_EQ(sink.bytes, 100);
-    EXPECT_EQ(node->Fetch(0, 10, nullptr, &sink), FAILED);
-    handle->state = HANDLE_STATE_CLOSED;
-    EXPECT_EQ(node->Fetch(0, 10, handle, &sink), INVALID_HANDLE);
+    auto dir = Node("/dir");
+    auto remoteTime = [&](const std::shared_ptr<File>& node) {
+        _FS_FILE_V2 stored;
+        void* cookie = nullptr;
+        EXPECT_EQ(protocol_->GetItem(node->RemoteKey().c_str(), &stored, &cookie), SUCCESS);
+        return stored.modifyTime;
+    };
+    for (const bool archived : {true, false}) {
+        _FS_FILE_V2 record;
+        record.name = archived ? "kept.txt" : "plain.txt";
+        record.attributes = FILE_ATTRIBUTE_FILE | (archived ? FILE_ATTRIBUTE_ARCHIVED : 0);
+        record.modifyTime = "2024-01-05T16:08:09.000Z";
+        auto node = dir->AddChild(&record, true);
+        auto handle = OpenNode(node, 'w');
+        unsigned long written = 0;
+        ASSERT_EQ(node->WriteFile(handle.get(), "data", 4, &written, 0, nullptr), SUCCESS);
+        // A remote without archive marks does not fail the upload.
+        ASSERT_EQ(node->UploadNow(handle, nullptr, nullptr), SUCCESS);
+        node->Handles().CloseHandle(handle.get());
+        // The server shows the time the volume shows, by this text.
+        EXPECT_EQ(remoteTime(node), node->Info()->modifyTime);
+        ASSERT_EQ(node->SetFileTime(0, 0, 1700000100), SUCCESS);
+        EXPECT_EQ(remoteTime(node), node->Info()->modifyTime);
+    }
+    EXPECT_EQ(protocol->marks,
+              std::vector<std::string>{Node("/dir/kept.txt")->RemoteKey() + " set"});
+    EXPECT_EQ(log_.Count("[ASYNCJOB  ] File was archived, set archive bit now.", LL_INFO), 1);
 }
 
-// Writes from a real-time writer go to the streaming upload's pipe.
-class RecordingPipe : public ICacheIO {
-  public:
-    explicit RecordingPipe(std::shared_ptr<_FS_HANDLE_EXT> handle) : handle_(std::move(handle)) {}
-    AERROR Read(_READDATA*) override { return FAILED; }
-    AERROR Write(_WRITEDATA* request) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        offsets.push_back(request->offset);
-        request->written = request->size;
-        // The upload takes the bytes at once.
-        handle_->consumed = request->offset + request->size;
-        return SUCCESS;
-    }
-    std::mutex mutex_;
-    std::vector<long long> offsets;
+// The pipe of a streaming upload holds a bounded amount: a writer waits,
+// keeping the kernel's request alive, until the upload has taken enough; a
+// write out of order is refused; and giving the stream up ends every wait.
+TEST(StreamPipeTest, BoundsWhatItHoldsAndEndsEveryWaitWhenAbandoned) {
+    auto owner = std::shared_ptr<_FS_HANDLE_EXT>(FileHandles::NewHandle());
+    auto job = std::make_shared<_ASYNCJOB>();
+    StreamPipe pipe(owner, job);
+    const std::string full(StreamPipe::kMaxBuffered + 1, 'a');
+    auto push = [&](const std::string& bytes, long long offset,
+                    const std::function<void()>& keepAlive = nullptr) {
+        _WRITEDATA request;
+        request.buffer = bytes.data();
+        request.offset = offset;
+        request.size = bytes.size();
+        return pipe.Push(request, keepAlive);
+    };
+    auto read = [&](long long offset, size_t size, AERROR* result) {
+        std::string bytes(size, '\0');
+        _READDATA request;
+        request.buffer = bytes.data();
+        request.offset = offset;
+        request.size = size;
+        *result = pipe.Read(&request);
+        bytes.resize(request.read);
+        return bytes;
+    };
+    ASSERT_EQ(push(full, 0), SUCCESS);
+    std::atomic<int> waits{0};
+    std::atomic<bool> pushed{false};
+    std::thread writer([&] {
+        EXPECT_EQ(push("b", static_cast<long long>(full.size()), [&] { ++waits; }), SUCCESS);
+        pushed = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(pushed.load());
+    EXPECT_GT(waits.load(), 0);
+    AERROR result;
+    EXPECT_EQ(read(0, 1 << 20, &result), std::string(1 << 20, 'a'));
+    writer.join();
+    EXPECT_TRUE(pushed.load());
+    EXPECT_EQ(push("c", 5, nullptr), FAILED);  // the writer seeked
 
-  private:
-    std::shared_ptr<_FS_HANDLE_EXT> handle_;
-};
-
-class RealtimeFilter : public IFSFilter {
-  public:
-    bool IsOfflineOnly(const char*, const char*) override { return false; }
-    bool IsRealtimeUploadProcess(const char* process) noexcept override {
-        return std::string(process) == "recorder";
-    }
-};
-
-class StreamingTest : public NodeDataTest {
-  protected:
-    void SetUp() override {
-        features_ = FEATURE_ASYNC_UPLOAD | FEATURE_REALTIME_UPLOAD;
-        NodeDataTest::SetUp();
-        fs_->SetFSFilter(std::make_shared<RealtimeFilter>());
-        protocol_->AddFile("/stream.bin", "");
-        ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-        node_ = Node("/stream.bin");
-        handle_ = OpenNode(node_, 'w', "recorder");
-        ASSERT_EQ(node_->SetEndOfFile(handle_.get(), 8 * 1024), SUCCESS);
-        // The stream runs: its first chunk, at offset 0, started it.
-        pipe_ = std::make_shared<RecordingPipe>(handle_);
-        node_->SetStreamingPipe(pipe_);
-        node_->SetUploadState(3);
-        handle_->writeOffset = 1024;
-    }
-    // Starts one writer thread per 1 KiB chunk, the last chunk first.
-    std::vector<std::thread> StartWriters(int firstChunk, std::vector<AERROR>& results) {
-        std::vector<std::thread> writers;
-        static const std::string chunk(1024, 'z');
-        for (int i = 7; i >= firstChunk; --i) {
-            writers.emplace_back([this, i, &results] {
-                unsigned long written = 0;
-                results[i] = node_->WriteFile(handle_.get(), chunk.data(), 1024, &written,
-                                              i * 1024LL, nullptr);
-            });
-        }
-        return writers;
-    }
-
-    void TearDown() override {
-        // The pipe holds the handle, which holds the node, which holds the pipe.
-        if (node_) node_->SetStreamingPipe(nullptr);
-        NodeDataTest::TearDown();
-    }
-
-    std::shared_ptr<File> node_;
-    std::shared_ptr<_FS_HANDLE_EXT> handle_;
-    std::shared_ptr<RecordingPipe> pipe_;
-};
-
-TEST_F(StreamingTest, WritesReachThePipeInOffsetOrder) {
-    std::vector<AERROR> results(8, FAILED);
-    auto writers = StartWriters(1, results);
-    // The last byte moves the upload to state 4; it ends when it is done.
-    ASSERT_TRUE(WaitUntil([&] { return node_->GetUploadState() == 4u; }));
-    node_->SetUploadState(5);
-    for (auto& writer : writers)
-        writer.join();
-    const std::vector<long long> inOrder = {1024, 2048, 3072, 4096, 5120, 6144, 7168};
-    EXPECT_EQ(pipe_->offsets, inOrder);
-    for (int i = 1; i < 8; ++i)
-        EXPECT_EQ(results[i], SUCCESS);
-}
-
-TEST_F(StreamingTest, ClosingTheHandleEndsEveryWait) {
-    handle_->writeOffset = 0;  // the chunk at 1024 waits for one at 0 that never comes
-    std::vector<AERROR> results(8, FAILED);
-    auto writers = StartWriters(1, results);
+    // Drained, the reader waits for more; giving up ends the wait.
+    const long long rest = static_cast<long long>(full.size()) + 1 - (1 << 20);
+    EXPECT_EQ(read(1 << 20, rest, &result).size(), static_cast<size_t>(rest));
+    std::thread reader([&] {
+        AERROR waited;
+        read(static_cast<long long>(full.size()) + 1, 10, &waited);
+        EXPECT_EQ(waited, UPLOAD_CANCELED);
+    });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    handle_->state = HANDLE_STATE_CLOSED;
-    for (auto& writer : writers)
-        writer.join();
-    for (int i = 1; i < 8; ++i)
-        EXPECT_EQ(results[i], INVALID_HANDLE);
-    EXPECT_TRUE(pipe_->offsets.empty());
-}
-
-TEST_F(StreamingTest, ASecondStreamMayNotRestartARunningOne) {
-    auto second = OpenNode(node_, 'w', "recorder");
-    unsigned long written = 0;
-    EXPECT_EQ(node_->WriteFile(second.get(), "x", 1, &written, 0, nullptr), FAILED);
+    pipe.Abandon();
+    reader.join();
+    EXPECT_EQ(push("d", static_cast<long long>(full.size()) + 1), UPLOAD_CANCELED);
 }
 
 }  // namespace

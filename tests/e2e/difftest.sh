@@ -4,8 +4,11 @@
 # from the same cache all hold what the reference folder holds.
 # Usage: difftest.sh SKARVO DIFFTEST [--seeds "1 2"] [--ops N] [--sync]
 #                    [--replay "FILE..."] [--stress WORKERS --seconds S]
-#                    [--save-dir DIR] [--avoid LIST]
+#                    [--save-dir DIR] [--avoid LIST] [--faults LIST]
 # --sync mounts with --no-async-upload; --avoid is handed to difftest;
+# --faults mounts fault:LIST:local:REMOTE while the tester runs (uploads are
+# retried without end); the faults are switched off before the checks, which
+# start once skarvo status says that everything is on the remote;
 # --save-dir keeps each shrunk failing sequence there; DIFFTEST_SHRINK_SECONDS
 # bounds the shrinking of each failure (default 120). Needs root and
 # /dev/fuse; exits 77 (skipped) without them.
@@ -15,6 +18,7 @@ SKARVO=$(realpath "$1")
 DIFFTEST=$(realpath "$2")
 shift 2
 SEEDS="1 2" OPS=2000 SYNC=() AVOID=() MODE=seeds REPLAY="" WORKERS=0 SECONDS_=20 SAVE_DIR=""
+FAULTS=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --seeds) SEEDS=$2; shift 2 ;;
@@ -25,6 +29,7 @@ while [ $# -gt 0 ]; do
     --seconds) SECONDS_=$2; shift 2 ;;
     --save-dir) SAVE_DIR=$(realpath "$2"); shift 2 ;;
     --avoid) AVOID=(--avoid "$2"); shift 2 ;;
+    --faults) FAULTS=$2; shift 2 ;;
     *) echo "difftest.sh: unknown argument $1" >&2; exit 2 ;;
   esac
 done
@@ -38,6 +43,7 @@ WORK=$(mktemp -d /tmp/difftest-XXXXXX)
 # A small tmpfs bounds what a faulty volume could write.
 mount -t tmpfs -o size="${DIFFTEST_TMPFS_SIZE:-3g}" difftest "$WORK" || exit 1
 REMOTE=$WORK/remote MNT=$WORK/mnt CACHE=$WORK/cache REF=$WORK/reference
+SWITCH=$WORK/faults-on
 PID=
 failures=0
 
@@ -53,12 +59,18 @@ trap cleanup EXIT
 
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
-# Mounts REMOTE at MNT; waits until the volume serves.
+# Mounts REMOTE at MNT, through the faults when there are any; waits until
+# the volume serves.
 up() {
   mkdir -p "$REMOTE" "$MNT"
+  local remote=local:$REMOTE options=()
+  if [ -n "$FAULTS" ]; then
+    remote=fault:$FAULTS,switch=$SWITCH:$remote
+    options=(--upload-retries 100)
+  fi
   "$SKARVO" mount --cache-dir "$CACHE" --log-file "$WORK/skarvo.log" \
-    --log-level "${DIFFTEST_LOG_LEVEL:-warning}" "${SYNC[@]}" \
-    "local:$REMOTE" "$MNT" >>"$WORK/skarvo.out" 2>&1 &
+    --log-level "${DIFFTEST_LOG_LEVEL:-warning}" "${SYNC[@]}" "${options[@]}" \
+    "$remote" "$MNT" >>"$WORK/skarvo.out" 2>&1 &
   PID=$!
   for _ in $(seq 1 100); do
     grep -q " $MNT fuse.skfs " /proc/mounts && return 0
@@ -80,7 +92,10 @@ down() {
   local status=0
   wait "$PID" || status=$?
   PID=
-  [ "$status" -eq 0 ] || fail "skarvo exited with $status"
+  if [ "$status" -ne 0 ]; then
+    fail "skarvo exited with $status"
+    tail -${DIFFTEST_OUT_LINES:-40} "$WORK/skarvo.out"
+  fi
   grep -q " $MNT " /proc/mounts && { fail "the volume is still mounted"; umount -l "$MNT"; }
   return 0
 }
@@ -97,9 +112,23 @@ fresh() {
   mkdir -p "$REMOTE" "$REF"
 }
 
+# Switches the faults off and waits until every upload has reached the
+# remote: a stop while an upload waits for its next try would save its data
+# to the recovery folder instead.
+faults_off() {
+  [ -n "$FAULTS" ] || return 0
+  rm -f "$SWITCH"
+  for _ in $(seq 1 1200); do
+    "$SKARVO" status "$MNT" | grep -qx "everything is on the remote" && return 0
+    sleep 0.1
+  done
+  fail "uploads still wait 120 s after the faults ended: $("$SKARVO" status "$MNT")"
+}
+
 # After the tester: the volume, the remote once stopped, the volume again.
 check_after() {
   same_trees "$1: the volume differs from the reference" "$MNT" "$REF"
+  faults_off
   down
   same_trees "$1: the remote folder differs from the reference" "$REF" "$REMOTE"
   up || return
@@ -117,6 +146,7 @@ tester() {
 
 run_seed() {
   fresh
+  [ -n "$FAULTS" ] && touch "$SWITCH"
   up || return
   local save=()
   [ -n "$SAVE_DIR" ] && save=(--save "$SAVE_DIR/seed-$1${SYNC[*]:+-sync}.seq")

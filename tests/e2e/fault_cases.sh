@@ -9,11 +9,7 @@ now_ms() { echo $(($(date +%s%N) / 1000000)); }
 # it exits with anything but 0.
 exits_within() {
   local seconds=$1 status=0
-  for _ in $(seq 1 $((seconds * 10))); do
-    kill -0 "$PID" 2>/dev/null || break
-    sleep 0.1
-  done
-  kill -0 "$PID" 2>/dev/null && { fail "skarvo still runs ${seconds} s after the stop signal"; return 1; }
+  wait_for $((seconds * 10)) eval '! kill -0 "$PID" 2>/dev/null' || { fail "skarvo still runs ${seconds} s after the stop signal"; return 1; }
   wait "$PID" || status=$?
   PID=
   [ "$status" -eq 0 ] || fail "skarvo exited with $status"
@@ -59,42 +55,43 @@ case_upload_faults() {
   no_leftovers
 }
 
-# Mounts REMOTE_ARG with hang=list beside a plain local remote that holds
-# fast/f.txt, with a time-out of 2 s.
+# Mounts REMOTE_ARG with hang=list, while $WORK/hang-on exists, beside a
+# plain local remote that holds fast/f.txt, with a time-out of 2 s.
 up_beside_hanging() {
   mkdir -p "$REMOTE/slow" "$WORK/plain/fast"
   echo fast > "$WORK/plain/fast/f.txt"
-  local hanging=fault:hang=list:$REMOTE_ARG
+  local hanging=fault:hang=list,switch=$WORK/hang-on:$REMOTE_ARG
   REMOTE_ARG=local:$WORK/plain
   up --timeout 2 "$hanging"
 }
 
-
-
-# hang=list on the first remote, beside a plain one: a listing of the
-# volume's root, which starts with the hanging remote's, fails after
-# --timeout while the plain remote's file and folder answer throughout, and
-# SIGTERM stops skarvo while another listing hangs. (The listing starts
-# first: a lookup that itself has to list the hanging remote's root waits
-# for it, holding up every other lookup of the volume meanwhile.)
+# hang=list on the first remote, beside a plain one, once the volume's root
+# is listed: while a lookup waits for the hanging remote to list a folder,
+# the plain remote's file and folder answer throughout; a listing of that
+# folder fails after --timeout; and SIGTERM stops skarvo while another
+# listing hangs.
 case_hang_list() {
+  rm -f "$WORK/hang-on"
   up_beside_hanging
-  local start status=0
-  start=$(now_ms)
-  ls "$MNT" > /dev/null 2> "$WORK/ls.err" &
-  local lister=$!
+  ls "$MNT" "$MNT/fast" > /dev/null
+  touch "$WORK/hang-on"
+  stat "$MNT/slow/never-listed" > /dev/null 2>&1 &
+  local looker=$!
   sleep 0.3
   for _ in $(seq 1 6); do
     [ "$(timeout 1 cat "$MNT/fast/f.txt")" = fast ] || fail "the plain remote's file does not read"
     timeout 1 ls "$MNT/fast" | grep -qx f.txt || fail "the plain remote's folder does not list"
     sleep 0.2
   done
-  wait "$lister" || status=$?
+  wait "$looker" && fail "the lookup in the hanging remote succeeded"
+  local start status=0
+  start=$(now_ms)
+  ls "$MNT/slow" > /dev/null 2> "$WORK/ls.err" || status=$?
   local took=$(($(now_ms) - start))
   [ "$status" -ne 0 ] || fail "the listing of the hanging remote succeeded"
   grep -q "timed out" "$WORK/ls.err" || fail "ls: $(cat "$WORK/ls.err")"
   [ "$took" -ge 1900 ] && [ "$took" -le 6000 ] || fail "the hung listing ended after $took ms"
-  ls "$MNT" > /dev/null 2>&1 &
+  ls "$MNT/slow" > /dev/null 2>&1 &
   sleep 0.5
   kill -TERM "$PID"
   exits_within 10
@@ -115,9 +112,8 @@ case_hang_stop() {
   true
 }
 
-# Known to fail: the library uploads an empty file at once when its last
-# writer closes it (File::Cleanup), and when that upload fails it neither asks
-# what to do nor keeps the file for later: the file is lost.
+# An empty file is uploaded at once when its last writer closes it; when
+# that upload fails, the file must still end up on the remote or saved.
 case_empty_upload_fault() {
   REMOTE_ARG=fault:upload=1:$REMOTE_ARG
   up --on-upload-failure save --recovery-dir "$WORK/recovered"

@@ -4,7 +4,8 @@
 # E2E_REMOTE=local (default) mounts local:DIR; E2E_REMOTE=webdav mounts a
 # share of a private Apache server (tests/webdav/apache_fixture.sh) whose
 # folder on disk stands in as DIR, and adds the cases of webdav_cases.sh.
-# Both run the cases of fault_cases.sh, through the fault: remote.
+# Both run the cases of fault_cases.sh, through the fault: remote; local
+# runs those of cli_cases.sh (background mode, mount -t, named remotes...).
 # Needs root and /dev/fuse; exits 77 (skipped) without them.
 set -u
 
@@ -28,7 +29,7 @@ CACHE=$WORK/cache
 PID=
 passed=0
 failed=0
-CASES=(copies edits git tar rsync sqlite cache_limit huge_length remote_changes)
+CASES=(copies edits git tar rsync sqlite cache_limit huge_length full_cache fsync remote_changes realtime)
 
 cleanup() {
   [ -n "$PID" ] && kill -TERM "$PID" 2>/dev/null && sleep 1
@@ -43,7 +44,12 @@ cleanup() {
 trap cleanup EXIT
 
 case "${E2E_REMOTE:-local}" in
-  local) REMOTE_ARG=local:$REMOTE ;;
+  local)
+    REMOTE_ARG=local:$REMOTE
+    # shellcheck source=cli_cases.sh
+    . "$HERE/cli_cases.sh"
+    CASES+=("${CLI_CASES[@]}")
+    ;;
   webdav)
     for tool in apache2 openssl curl htpasswd; do
       command -v "$tool" >/dev/null || [ -x "/usr/sbin/$tool" ] || { echo "skipped: $tool is missing"; exit 77; }
@@ -65,8 +71,26 @@ esac
 # shellcheck source=fault_cases.sh
 . "$HERE/fault_cases.sh"
 CASES+=("${FAULT_CASES[@]}")
+# shellcheck source=crash_cases.sh
+. "$HERE/crash_cases.sh"
+CASES+=("${CRASH_CASES[@]}")
 
 fail() { echo "FAIL: $*"; return 1; }
+
+# Waits up to $1 tenths of a second for the command that follows to succeed.
+wait_for() {
+  local tenths=$1
+  shift
+  for _ in $(seq 1 "$tenths"); do
+    "$@" && return 0
+    sleep 0.1
+  done
+  return 1
+}
+
+mounted() { grep -q " $MNT fuse.skfs " /proc/mounts; }
+# The volume serves, or skarvo ($PID) has exited.
+mounted_or_gone() { mounted || ! kill -0 "$PID" 2>/dev/null; }
 
 # Mounts REMOTE at MNT with extra options; waits until the volume serves.
 up() {
@@ -74,12 +98,8 @@ up() {
   "$SKARVO" mount --cache-dir "$CACHE" --log-file "$WORK/skarvo.log" --log-level "${E2E_LOG_LEVEL:-info}" \
     "$@" "$REMOTE_ARG" "$MNT" &
   PID=$!
-  for _ in $(seq 1 100); do
-    grep -q " $MNT fuse.skfs " /proc/mounts && return 0
-    kill -0 "$PID" 2>/dev/null || { fail "skarvo exited at start"; return 1; }
-    sleep 0.1
-  done
-  fail "the volume did not come up"
+  wait_for 100 mounted_or_gone || { fail "the volume did not come up"; return 1; }
+  mounted || fail "skarvo exited at start"
 }
 
 # Stops skarvo as a user would (Ctrl-C) and checks it exits 0 once uploads end.
@@ -119,7 +139,7 @@ run_case() {
     failed=$((failed + 1))
     [ -n "$PID" ] && kill -TERM "$PID" 2>/dev/null
     grep -q " $MNT " /proc/mounts && umount -l "$MNT"
-  grep -q " $CACHE " /proc/mounts && umount -l "$CACHE"
+    grep -q " $CACHE " /proc/mounts && umount -l "$CACHE"
     tail -20 "$WORK/skarvo.log" 2>/dev/null
   fi
   PID=
@@ -306,6 +326,67 @@ case_huge_length() {
   [ "$(cat "$REMOTE/other.txt")" = "still" ] || fail "the volume stopped working"
 }
 
+# The cache on a 64 MiB tmpfs (so the machine's own disk can never fill):
+# writing 100 MiB fails with ENOSPC once it is full, and the log says so once,
+# naming the folder. What was written before stays whole and is uploaded: a
+# file closed earlier (its cached copy may be evicted to make room), one kept
+# open meanwhile, and the part of the big file that fitted.
+case_full_cache() {
+  mkdir -p "$CACHE"
+  mount -t tmpfs -o size=64m skarvo-e2e "$CACHE"
+  head -c $((4 * 1024 * 1024)) /dev/urandom > "$WORK/early.bin"
+  head -c $((100 * 1024 * 1024)) /dev/urandom > "$WORK/huge.bin"
+  up
+  cp "$WORK/early.bin" "$MNT/early.bin"
+  exec 3> "$MNT/open.bin"
+  head -c $((1024 * 1024)) "$WORK/early.bin" >&3
+  local status=0 kept
+  dd if="$WORK/huge.bin" of="$MNT/huge.bin" bs=1M status=none 2> "$WORK/dd.err" || status=$?
+  [ "$status" -ne 0 ] && grep -q "No space left on device" "$WORK/dd.err" \
+    || fail "dd into a full cache: status $status, $(cat "$WORK/dd.err")"
+  exec 3>&-
+  kept=$(stat -c %s "$MNT/huge.bin")
+  [ "$kept" -gt $((32 * 1024 * 1024)) ] || fail "only $kept bytes fitted"
+  down
+  [ "$(grep -c "the cache folder $CACHE/.* is full" "$WORK/skarvo.log")" -eq 1 ] \
+    || fail "the log does not say once that the cache is full"
+  same_file "$WORK/early.bin" "$REMOTE/early.bin"
+  cmp -s <(head -c $((1024 * 1024)) "$WORK/early.bin") "$REMOTE/open.bin" || fail "open.bin differs"
+  [ "$(stat -c %s "$REMOTE/huge.bin")" -eq "$kept" ] || fail "huge.bin on the remote is not $kept bytes"
+  cmp -s <(head -c "$kept" "$WORK/huge.bin") "$REMOTE/huge.bin" || fail "huge.bin differs"
+  # Read back through the full cache: uploaded copies make room.
+  up
+  same_file "$WORK/early.bin" "$MNT/early.bin"
+  down
+  umount "$CACHE"
+}
+
+# fsync and fdatasync succeed, and once fsync returned the entry's row in
+# the cache's index already holds the size and the written blocks.
+case_fsync() {
+  head -c $((300 * 1024)) /dev/urandom > "$WORK/synced.bin"
+  up
+  dd if="$WORK/synced.bin" of="$MNT/dd.bin" bs=64k conv=fsync status=none
+  python3 - "$WORK/synced.bin" "$MNT/synced.bin" "$CACHE" <<'EOF'
+import glob, os, sqlite3, sys
+data = open(sys.argv[1], "rb").read()
+fd = os.open(sys.argv[2], os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+assert os.write(fd, data) == len(data)
+os.fsync(fd)
+db = sqlite3.connect(glob.glob(sys.argv[3] + "/volumes/*/index.db")[0])
+mine = db.execute("SELECT size, unsent FROM entries WHERE key LIKE '%synced.bin'").fetchall()
+db.close()
+assert mine == [(len(data), len(data))], mine
+os.pwrite(fd, b"again", 10)
+os.fdatasync(fd)
+os.close(fd)
+EOF
+  down
+  same_file "$WORK/synced.bin" "$REMOTE/dd.bin"
+  cmp -s <(head -c 10 "$WORK/synced.bin"; printf again; tail -c +16 "$WORK/synced.bin") \
+    "$REMOTE/synced.bin" || fail "synced.bin differs"
+}
+
 case_remote_changes() {
   echo before > "$REMOTE/old.txt"
   echo '{"fs": {"changes": "1000"}}' > "$WORK/config.json"
@@ -319,6 +400,52 @@ case_remote_changes() {
   [ ! -e "$MNT/old.txt" ] || fail "a deleted file still shows"
   [ -e "$MNT/dir/y.txt" ] && [ ! -e "$MNT/dir/x.txt" ] || fail "a rename does not show"
   down
+}
+
+# Real-time upload, for bash and python3 (--realtime-process, through -o):
+# what a writer keeping a file open has written is on the remote before the
+# close, in the local remote's temporary file and never as a partial file
+# under its name; the close completes the file without a second upload. A
+# write out of order gives the stream up, and the close uploads the whole
+# file from the cache. Other processes' files are uploaded at close.
+case_realtime() {
+  up -o realtime-process=bash,realtime-process=python3 --log-level debug
+  exec 3> "$MNT/live.txt"
+  printf 'first part\n' >&3
+  local temp=
+  for _ in $(seq 1 50); do
+    temp=$(find "$REMOTE" -maxdepth 1 -name '.skarvo-upload-*' | head -1)
+    [ -n "$temp" ] && [ "$(cat "$temp" 2>/dev/null)" = "first part" ] && break
+    sleep 0.1
+  done
+  [ "$(cat "$temp" 2>/dev/null)" = "first part" ] || fail "the first part is not on the remote before the close"
+  [ ! -e "$REMOTE/live.txt" ] || fail "the remote shows a partial live.txt"
+  printf 'second part\n' >&3
+  exec 3>&-
+  printf unlisted > "$WORK/unlisted.txt"
+  cp "$WORK/unlisted.txt" "$MNT/unlisted.txt"  # cp is not a real-time process
+  python3 - "$MNT/seek.bin" "$WORK/seek.bin" <<'EOF'
+import os, sys
+first, patch, rest = os.urandom(3 << 20), os.urandom(4096), os.urandom(1 << 20)
+fd = os.open(sys.argv[1], os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+os.write(fd, first)
+os.pwrite(fd, patch, 1000)
+os.write(fd, rest)
+os.close(fd)
+open(sys.argv[2], "wb").write(first[:1000] + patch + first[1000 + len(patch):] + rest)
+EOF
+  down
+  [ "$(cat "$REMOTE/live.txt")" = "$(printf 'first part\nsecond part')" ] \
+    || fail "live.txt on the remote: $(cat "$REMOTE/live.txt")"
+  same_file "$WORK/seek.bin" "$REMOTE/seek.bin"
+  same_file "$WORK/unlisted.txt" "$REMOTE/unlisted.txt"
+  grep -q 'Streaming upload - live.txt done(Success)' "$WORK/skarvo.log" || fail "live.txt was not streamed"
+  ! grep -q 'Upload - live.txt$' "$WORK/skarvo.log" || fail "live.txt was uploaded a second time"
+  grep -q 'Streaming upload - seek.bin done(UPLOAD_CANCELED)' "$WORK/skarvo.log" \
+    || fail "the stream of seek.bin was not given up"
+  grep -q 'AsyncJobUpload - seek.bin.*done(Success)' "$WORK/skarvo.log" || fail "seek.bin was not uploaded"
+  ! grep -q 'Streaming upload - unlisted.txt' "$WORK/skarvo.log" || fail "cp's writes were streamed"
+  no_leftovers
 }
 
 for name in "${CASES[@]}"; do

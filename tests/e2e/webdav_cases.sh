@@ -2,17 +2,6 @@
 # E2E_REMOTE=webdav once the Apache fixture runs; they use its helpers.
 WEBDAV_CASES=(dav_names dav_other_clients dav_refusals dav_restart dav_memory)
 
-# Waits up to $1 tenths of a second for the command that follows to succeed.
-wait_for() {
-  local tenths=$1
-  shift
-  for _ in $(seq 1 "$tenths"); do
-    "$@" && return 0
-    sleep 0.1
-  done
-  return 1
-}
-
 has_size() { [ "$(stat -c %s "$1" 2>/dev/null || echo -1)" -eq "$2" ]; }
 
 dav_url() { echo "http://127.0.0.1:$DAV_PORT/dav/$1"; }
@@ -147,6 +136,10 @@ case_dav_restart() {
   down
   same_file "$WORK/new.bin" "$REMOTE/big.bin"
   [ ! -e "$CACHE/recovered/big.bin" ] || fail "saved although the retry succeeded"
+  # One warning when the server goes, one when it is back.
+  [ "$(grep -c 'warning  webdav: http://127.0.0.1:[0-9]* cannot be reached' "$WORK/skarvo.log")" -eq 1 ] &&
+    [ "$(grep -c 'warning  webdav: http://127.0.0.1:[0-9]* answers again' "$WORK/skarvo.log")" -eq 1 ] ||
+    fail "the log: $(grep 'warning  webdav' "$WORK/skarvo.log" | head -5)"
   rm -f "$WORK/new.bin"
 }
 

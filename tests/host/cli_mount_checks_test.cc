@@ -28,32 +28,38 @@ class MountChecksTest : public ::testing::Test {
 
 TEST_F(MountChecksTest, MountPointMustBeAnExistingEmptyFolder) {
     std::string canonical;
-    std::string error;
+    Status status;
     const std::string point = dir_ + "/mnt";
-    EXPECT_FALSE(CheckMountPoint(point, &canonical, &error));
-    EXPECT_EQ(error, "mount point " + point + " does not exist; create it with mkdir -p " + point);
+    status = CheckMountPoint(point, &canonical);
+    EXPECT_FALSE(status.ok());
+    EXPECT_EQ(status.message(),
+              "mount point " + point + " does not exist; create it with mkdir -p " + point);
 
     ASSERT_EQ(mkdir(point.c_str(), 0755), 0);
     ASSERT_EQ(symlink(point.c_str(), (dir_ + "/link").c_str()), 0);
-    ASSERT_TRUE(CheckMountPoint(dir_ + "/link/", &canonical, &error)) << error;
+    status = CheckMountPoint(dir_ + "/link/", &canonical);
+    ASSERT_TRUE(status.ok()) << status.message();
     EXPECT_EQ(canonical, point);
 
     std::ofstream(point + "/.hidden") << "x";
-    EXPECT_FALSE(CheckMountPoint(point, &canonical, &error));
-    EXPECT_EQ(error, "mount point " + point + " is not empty");
+    status = CheckMountPoint(point, &canonical);
+    EXPECT_FALSE(status.ok());
+    EXPECT_EQ(status.message(), "mount point " + point + " is not empty");
 
-    EXPECT_FALSE(CheckMountPoint(point + "/.hidden", &canonical, &error));
-    EXPECT_EQ(error, "mount point " + point + "/.hidden is not a folder");
+    status = CheckMountPoint(point + "/.hidden", &canonical);
+    EXPECT_FALSE(status.ok());
+    EXPECT_EQ(status.message(), "mount point " + point + "/.hidden is not a folder");
 }
 
 TEST_F(MountChecksTest, MissingFuseDeviceSaysWhatToDo) {
-    std::string error;
-    EXPECT_FALSE(CheckFuseDevice(dir_ + "/fuse", &error));
-    EXPECT_NE(error.find("cannot open " + dir_ + "/fuse: No such file or directory"),
+    Status status = CheckFuseDevice(dir_ + "/fuse");
+    EXPECT_FALSE(status.ok());
+    EXPECT_NE(status.message().find("cannot open " + dir_ + "/fuse: No such file or directory"),
               std::string::npos);
-    EXPECT_NE(error.find("modprobe fuse"), std::string::npos);
-    EXPECT_NE(error.find("--device " + dir_ + "/fuse"), std::string::npos);
-    EXPECT_TRUE(CheckFuseDevice("/dev/null", &error));
+    EXPECT_NE(status.message().find("modprobe fuse"), std::string::npos);
+    EXPECT_NE(status.message().find("--device " + dir_ + "/fuse"), std::string::npos);
+    status = CheckFuseDevice("/dev/null");
+    EXPECT_TRUE(status.ok());
 }
 
 TEST_F(MountChecksTest, ContainmentComparesWholeNames) {
@@ -79,14 +85,16 @@ TEST_F(MountChecksTest, EachSetOfRemotesHasItsOwnLockedCache) {
     EXPECT_EQ(odd.find(' '), std::string::npos) << odd;
 
     JobQueue queue;
-    std::string error;
-    auto first = DiskCache::Create(a, 1 << 20, &queue, nullptr, &error);
-    ASSERT_NE(first, nullptr) << error;
-    EXPECT_EQ(DiskCache::Create(a, 1 << 20, &queue, nullptr, &error), nullptr);
-    EXPECT_NE(error.find("in use by another skarvo process"), std::string::npos) << error;
-    auto other = DiskCache::Create(VolumeCacheDir(dir_, "data", {"local:/other/data"}), 1 << 20,
-                                   &queue, nullptr, &error);
-    EXPECT_NE(other, nullptr) << error;
+    std::shared_ptr<DiskCache> first;
+    std::shared_ptr<DiskCache> second;
+    std::shared_ptr<DiskCache> other;
+    Status status = DiskCache::Create(a, 1 << 20, &queue, nullptr, &first);
+    ASSERT_TRUE(status.ok()) << status.message();
+    status = DiskCache::Create(a, 1 << 20, &queue, nullptr, &second);
+    EXPECT_NE(status.message().find("in use by another skarvo process"), std::string::npos);
+    status = DiskCache::Create(VolumeCacheDir(dir_, "data", {"local:/other/data"}), 1 << 20, &queue,
+                               nullptr, &other);
+    EXPECT_TRUE(status.ok()) << status.message();
     first.reset();
     other.reset();
     queue.Stop();

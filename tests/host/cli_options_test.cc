@@ -1,18 +1,27 @@
-// The skarvo command line: options in both spellings, remotes through the
-// scheme table, defaults from the environment, sizes, and one-line errors.
+// The skarvo command line and what it names: first the options, then named
+// remotes from remotes.conf, then the configuration text handed to Mount.
 #include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "cli/configuration.h"
+#include "cli/named_remotes.h"
 #include "cli/options.h"
 #include "cli/remote_schemes.h"
-#include "cli/sizes.h"
 
 namespace {
+
+// The skarvo command line: options in both spellings, remotes through the
+// scheme table, defaults from the environment, and one-line errors.
 
 EnvLookup FakeEnv(std::map<std::string, std::string> values) {
     auto stored = std::make_shared<std::map<std::string, std::string>>(std::move(values));
@@ -109,6 +118,26 @@ TEST(CliOptionsTest, EveryOptionInBothSpellings) {
               "/r");
 }
 
+// How mount(8) runs the helper of an /etc/fstab line: SOURCE MOUNTPOINT -o
+// with the long options as NAME=VALUE among the generic mount options.
+TEST(CliOptionsTest, FstabFormGoesToTheBackground) {
+    const CommandLine line = Parse({"local:/srv/data", "/mnt/data", "-o",
+                                    "rw,dev,suid,cache-max-size=2G,read-only,log-level=info"});
+    ASSERT_EQ(line.action, CommandLine::Action::kMount) << line.error;
+    EXPECT_TRUE(line.mountHelper);
+    EXPECT_TRUE(line.mount.daemon);
+    EXPECT_EQ(line.mount.cacheMaxBytes, uint64_t{2} << 30);
+    EXPECT_TRUE(line.mount.readOnly);
+    EXPECT_EQ(line.mount.logLevel, LL_INFO);
+    EXPECT_EQ(line.mount.mountPoint, "/mnt/data");
+
+    const MountOptions named = ParseMount({"mount", "--daemon", "nas:", "local:/b", "/m"});
+    EXPECT_TRUE(named.daemon);
+    EXPECT_EQ(named.remotes[0].name, "nas");
+    EXPECT_EQ(named.remotes[0].scheme, nullptr);
+    EXPECT_EQ(Parse({"remotes"}).action, CommandLine::Action::kRemotes);
+}
+
 TEST(CliOptionsTest, RelativePathsBecomeAbsolute) {
     const std::string cwd = std::filesystem::current_path().string();
     const MountOptions options =
@@ -116,30 +145,6 @@ TEST(CliOptionsTest, RelativePathsBecomeAbsolute) {
     EXPECT_EQ(options.cacheDir, cwd + "/cache");
     EXPECT_EQ(options.logFile, cwd + "/s.log");
     EXPECT_EQ(options.remotes[0].location, "d");  // opened as given
-}
-
-TEST(CliOptionsTest, HelpAndVersionWinWhereverTheyStand) {
-    EXPECT_EQ(Parse({"--help"}).action, CommandLine::Action::kHelp);
-    EXPECT_EQ(Parse({"mount", "local:/a", "-h"}).action, CommandLine::Action::kHelp);
-    EXPECT_EQ(Parse({"--bogus", "--version"}).action, CommandLine::Action::kVersion);
-    EXPECT_EQ(Parse({"-V"}).action, CommandLine::Action::kVersion);
-    // After "--" they are plain arguments.
-    const MountOptions options = ParseMount({"mount", "--", "local:/a", "--help"});
-    EXPECT_EQ(options.mountPoint, "--help");
-
-    const std::string help = HelpText(kHomeOnly);
-    for (const RemoteScheme& scheme : RemoteSchemes()) {
-        EXPECT_NE(help.find(std::string(scheme.name) + ":" + scheme.location), std::string::npos);
-    }
-    for (const char* option : {"--cache-dir", "--cache-max-size", "--read-only", "--config", "-o",
-                               "--on-upload-failure", "--upload-retries", "--volname"}) {
-        EXPECT_NE(help.find(option), std::string::npos) << option;
-    }
-    EXPECT_NE(help.find("/home/ann/.cache/skarvo"), std::string::npos);
-    size_t start = 0;
-    for (size_t end; (end = help.find('\n', start)) != std::string::npos; start = end + 1) {
-        EXPECT_LT(end - start, 80u) << help.substr(start, end - start);
-    }
 }
 
 TEST(CliOptionsTest, WrongArgumentsGiveOneLine) {
@@ -159,6 +164,10 @@ TEST(CliOptionsTest, WrongArgumentsGiveOneLine) {
         {{"mount", "--cache-max-size", "0", "local:/a", "/m"}, "more than 0"},
         {{"mount", "--volname=", "local:/a", "/m"}, "empty"},
         {{"mount", "nfs:/x", "/m"}, "nfs"},
+        {{"local:/a", "/m", "-o", "cache-max-size"}, "-o cache-max-size needs a value"},
+        {{"local:/a", "/m", "-o", "read-only=yes"}, "-o read-only takes no value"},
+        {{"local:/a", "/m", "-o", "o=ro"}, "unknown -o option 'o=ro'"},
+        {{"remotes", "x"}, "no arguments"},
     };
     for (const auto& [args, expected] : cases) {
         EXPECT_NE(ParseError(args).find(expected), std::string::npos) << expected;
@@ -167,70 +176,198 @@ TEST(CliOptionsTest, WrongArgumentsGiveOneLine) {
 
 TEST(CliOptionsTest, RemotesGoThroughTheSchemeTable) {
     RemoteArgument argument;
-    std::string error;
-    ASSERT_TRUE(ParseRemote("local:/srv/a:b", &argument, &error));
+    Status status = ParseRemote("local:/srv/a:b", &argument);
+    ASSERT_TRUE(status.ok());
     EXPECT_EQ(argument.scheme, FindRemoteScheme("local"));
     EXPECT_EQ(argument.location, "/srv/a:b");
 
-    EXPECT_FALSE(ParseRemote("/srv/data", &argument, &error));
-    EXPECT_NE(error.find("SCHEME:LOCATION"), std::string::npos);
-    EXPECT_FALSE(ParseRemote("ftp:/x", &argument, &error));
-    EXPECT_NE(error.find("unknown remote kind 'ftp'"), std::string::npos);
-    EXPECT_NE(error.find("local"), std::string::npos);  // names the known kinds
-    EXPECT_FALSE(ParseRemote("local:", &argument, &error));
-    EXPECT_FALSE(ParseRemote("LOCAL:/x", &argument, &error));
+    status = ParseRemote("/srv/data", &argument);
+    EXPECT_FALSE(status.ok());
+    EXPECT_NE(status.message().find("SCHEME:LOCATION"), std::string::npos);
+    status = ParseRemote("ftp:/x", &argument);
+    EXPECT_FALSE(status.ok());
+    EXPECT_NE(status.message().find("unknown remote kind 'ftp'"), std::string::npos);
+    EXPECT_NE(status.message().find("local"), std::string::npos);  // names the known kinds
+    status = ParseRemote("local:", &argument);
+    EXPECT_FALSE(status.ok());
+    status = ParseRemote("LOCAL:/x", &argument);
+    EXPECT_FALSE(status.ok());
 
     // Opening reports the remote's own problem.
-    ASSERT_TRUE(ParseRemote("local:/nonexistent/skarvo-remote", &argument, &error));
-    const OpenedRemote missing = OpenRemote(argument, RemoteOptions(), &error);
+    status = ParseRemote("local:/nonexistent/skarvo-remote", &argument);
+    ASSERT_TRUE(status.ok());
+    OpenedRemote missing;
+    status = OpenRemote(argument, RemoteOptions(), &missing);
     EXPECT_EQ(missing.protocol, nullptr);
-    EXPECT_NE(error.find("does not exist"), std::string::npos) << error;
+    EXPECT_NE(status.message().find("does not exist"), std::string::npos) << status.message();
 
     char dir[] = "/tmp/cli_options_test.XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
-    ASSERT_TRUE(ParseRemote(std::string("local:") + dir, &argument, &error));
-    const OpenedRemote opened = OpenRemote(argument, RemoteOptions(), &error);
-    ASSERT_NE(opened.protocol, nullptr) << error;
+    status = ParseRemote(std::string("local:") + dir, &argument);
+    ASSERT_TRUE(status.ok());
+    OpenedRemote opened;
+    status = OpenRemote(argument, RemoteOptions(), &opened);
+    ASSERT_NE(opened.protocol, nullptr) << status.message();
     EXPECT_EQ(opened.localFolder, std::filesystem::canonical(dir).string());
     rmdir(dir);
 }
 
-TEST(CliOptionsTest, VolumeNameComesFromTheRemote) {
-    EXPECT_EQ(VolumeNameFromIdentity("local:/srv/data"), "data");
-    EXPECT_EQ(VolumeNameFromIdentity("local:/srv/data/"), "data");
-    EXPECT_EQ(VolumeNameFromIdentity("local:/"), "local");
-    EXPECT_EQ(VolumeNameFromIdentity(""), "skarvo");
+// remotes.conf: a named remote becomes its remote with its options under the
+// command line's; a file with a line it does not understand, or passwords
+// that others may read, is refused with one line naming the place.
+
+class CliNamedRemotesTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/skarvo-remotes-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        home_ = pattern;
+        std::filesystem::create_directories(home_ + "/skarvo");
+        env_ = [this](const char* name) -> const char* {
+            return std::string(name) == "XDG_CONFIG_HOME" ? home_.c_str() : nullptr;
+        };
+    }
+    void TearDown() override { std::filesystem::remove_all(home_); }
+
+    void Write(const std::string& text, mode_t mode = 0600) {
+        const std::string path = home_ + "/skarvo/remotes.conf";
+        std::ofstream(path) << text;
+        chmod(path.c_str(), mode);
+    }
+    CommandLine Resolve(const std::vector<std::string>& args, std::string* error) {
+        CommandLine line = ParseCommandLine(args, env_);
+        EXPECT_EQ(line.action, CommandLine::Action::kMount) << line.error;
+        const Status resolved = ResolveNamedRemotes(args, env_, &line);
+        *error = resolved.message();
+        if (!resolved.ok()) line.action = CommandLine::Action::kError;
+        return line;
+    }
+
+    std::string home_;
+    EnvLookup env_;
+};
+
+TEST_F(CliNamedRemotesTest, NamedRemoteBringsItsAddressPasswordAndOptions) {
+    Write(
+        "# shares\n[nas]\ntype = webdav\nurl = https://nas.example.org/files\nuser = alice\n"
+        "password = s3cret\ncache-max-size = 2G\nread-only = true\n\n[photos]\n"
+        "type = local\npath = /srv/photos\n");
+    std::string error;
+    const CommandLine line =
+        Resolve({"mount", "--cache-max-size=1G", "nas:", "photos:", "/m"}, &error);
+    ASSERT_EQ(line.action, CommandLine::Action::kMount) << error;
+    EXPECT_EQ(line.mount.remotes[0].text, "webdavs://alice@nas.example.org/files");
+    EXPECT_EQ(line.mount.remotes[0].password, "s3cret");
+    EXPECT_EQ(line.mount.remotes[1].text, "local:/srv/photos");
+    EXPECT_TRUE(line.mount.readOnly);
+    EXPECT_EQ(line.mount.cacheMaxBytes, uint64_t{1} << 30);  // the command line wins
+
+    RemotesFile file;
+    const Status read = ReadRemotesFile(home_ + "/skarvo/remotes.conf", &file);
+    ASSERT_TRUE(read.ok()) << read.message();
+    const std::string listed = ListRemotes(file);
+    EXPECT_NE(listed.find("nas:"), std::string::npos);
+    EXPECT_EQ(listed.find("s3cret"), std::string::npos);
 }
 
-TEST(CliSizesTest, ParsesSuffixesInAnyCase) {
-    const std::pair<const char*, uint64_t> good[] = {
-        {"4096", 4096},       {"100k", 100ull << 10}, {"512M", 512ull << 20},
-        {"10G", 10ull << 30}, {"10gib", 10ull << 30}, {"2TB", 2ull << 40},
-        {"1.5G", 3ull << 29}, {"0.5k", 512},
+TEST_F(CliNamedRemotesTest, RefusalsNameTheFileAndLine) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"type = local\n", "remotes.conf:1: type stands before the first [NAME]"},
+        {"[nas]\ntype = local\npath /x\n", "remotes.conf:3: expected [NAME] or KEY"},
+        {"[nas]\ntype = local\ncolour = red\n", "remotes.conf:3: unknown key 'colour'"},
+        {"[nas]\ntype = local\npath = /a\npath = /b\n", "remotes.conf:4: path is given twice"},
+        {"[nas]\ntype = ftp\n", "remotes.conf:1: [nas]: type must be local or webdav"},
+        {"[local]\n", "remotes.conf:1: 'local' cannot name a remote"},
+        {"[other]\ntype = local\npath = /a\n", "no remote named 'nas'"},
     };
-    for (const auto& [text, expected] : good) {
-        uint64_t bytes = 0;
+    for (const auto& [text, expected] : cases) {
+        Write(text);
         std::string error;
-        EXPECT_TRUE(ParseSize(text, &bytes, &error)) << text << ": " << error;
-        EXPECT_EQ(bytes, expected) << text;
+        Resolve({"mount", "nas:", "/m"}, &error);
+        EXPECT_NE(error.find(expected), std::string::npos) << error;
     }
-    for (const char* text : {"", "G", "-1G", "10X", "10GG", "1.5.5G", "10 G", "16383P",
-                             "99999999999999999999", "20000000T"}) {
-        uint64_t bytes = 7;
-        std::string error;
-        EXPECT_FALSE(ParseSize(text, &bytes, &error)) << text;
-        EXPECT_EQ(bytes, 7u) << text;
-        EXPECT_FALSE(error.empty()) << text;
-    }
+    Write("[nas]\ntype = local\npath = /a\npassword = x\n", 0644);
+    std::string error;
+    EXPECT_EQ(Resolve({"mount", "nas:", "/m"}, &error).action, CommandLine::Action::kError);
+    EXPECT_NE(error.find("chmod 600 " + home_ + "/skarvo/remotes.conf"), std::string::npos);
 }
 
-TEST(CliSizesTest, FormatsBinaryUnits) {
-    EXPECT_EQ(FormatBytes(0), "0 B");
-    EXPECT_EQ(FormatBytes(1023), "1023 B");
-    EXPECT_EQ(FormatBytes(1536), "1.5 KiB");
-    EXPECT_EQ(FormatBytes((1ull << 20) - 10), "1.0 MiB");
-    EXPECT_EQ(FormatBytes(1288490189), "1.2 GiB");
-    EXPECT_EQ(FormatBytes(3ull << 40), "3.0 TiB");
+// The configuration text handed to Mount: the --config file with -o options
+// merged in, and one-line errors for files that cannot be used.
+
+Json::Value ParseJson(const std::string& text) {
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::string error;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &error)) << text;
+    return value;
+}
+
+TEST(CliConfigurationTest, OptionsAreMergedIntoTheFileOrStandAlone) {
+    std::string json = "stale";
+    Status status = MergeConfiguration("", "", false, &json);
+    ASSERT_TRUE(status.ok());
+    EXPECT_TRUE(json.empty());
+    status = MergeConfiguration("", "", true, &json);
+    ASSERT_TRUE(status.ok());
+    EXPECT_EQ(ParseJson(json)["fuse"]["allow_other"], Json::Value(true));
+
+    const std::string text = R"({"fs": {"timeout": 30000}, "fuse": {"debug": false}})";
+    status = MergeConfiguration(text, "/etc/v.json", false, &json);
+    ASSERT_TRUE(status.ok());
+    EXPECT_EQ(json, text);
+    status = MergeConfiguration(text, "/etc/v.json", true, &json);
+    ASSERT_TRUE(status.ok()) << status.message();
+    const Json::Value merged = ParseJson(json);
+    EXPECT_EQ(merged["fs"]["timeout"].asInt(), 30000);
+    EXPECT_EQ(merged["fuse"]["debug"], Json::Value(false));
+    EXPECT_EQ(merged["fuse"]["allow_other"], Json::Value(true));
+}
+
+TEST(CliConfigurationTest, UnusableTextIsOneLineNamingTheFile) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"{\"fs\": ", "not valid JSON"},
+        {"[1, 2]", "JSON object"},
+        {"", "not valid JSON"},
+    };
+    for (const auto& [text, expected] : cases) {
+        std::string json;
+        Status status = MergeConfiguration(text, "/etc/v.json", false, &json);
+        EXPECT_FALSE(status.ok()) << text;
+        EXPECT_NE(status.message().find("/etc/v.json"), std::string::npos) << status.message();
+        EXPECT_NE(status.message().find(expected), std::string::npos) << status.message();
+        EXPECT_EQ(status.message().find('\n'), std::string::npos) << status.message();
+    }
+    std::string json;
+    Status status = MergeConfiguration(R"({"fuse": true})", "/etc/v.json", true, &json);
+    EXPECT_FALSE(status.ok());
+    EXPECT_NE(status.message().find("\"fuse\" must be a JSON object"), std::string::npos)
+        << status.message();
+}
+
+TEST(CliConfigurationTest, ReadsTheFileAndReportsWhyItCannot) {
+    char dir[] = "/tmp/cli_configuration_test.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string file = std::string(dir) + "/volume.json";
+    std::ofstream(file) << R"({"fs": {"fetch": {"sync": 1000}}})";
+
+    std::string json;
+    Status status = BuildConfiguration(file, true, &json);
+    ASSERT_TRUE(status.ok()) << status.message();
+    EXPECT_EQ(ParseJson(json)["fs"]["fetch"]["sync"].asInt(), 1000);
+    EXPECT_EQ(ParseJson(json)["fuse"]["allow_other"], Json::Value(true));
+
+    status = BuildConfiguration(std::string(dir) + "/missing.json", false, &json);
+    EXPECT_FALSE(status.ok());
+    EXPECT_NE(status.message().find("cannot read config file"), std::string::npos);
+    EXPECT_NE(status.message().find("No such file"), std::string::npos) << status.message();
+    status = BuildConfiguration(dir, false, &json);
+    EXPECT_FALSE(status.ok());
+    EXPECT_NE(status.message().find("Is a directory"), std::string::npos) << status.message();
+
+    unlink(file.c_str());
+    rmdir(dir);
 }
 
 }  // namespace

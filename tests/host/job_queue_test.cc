@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -13,21 +14,11 @@
 #include <thread>
 #include <vector>
 
+#include "support/test_env.h"
+
 namespace {
 
 using namespace std::chrono_literals;
-
-// Hang guard for waits: far longer than any correct run needs.
-constexpr auto kHangGuard = 60s;
-
-bool WaitUntil(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + kHangGuard;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 // A barrier that jobs wait on until the test opens it.
 class Gate {
@@ -83,90 +74,68 @@ class Job : public IAsyncObj {
     std::atomic<void*> context_{nullptr};
 };
 
-std::vector<std::unique_ptr<Job>> MakeJobs(int count, const std::function<void()>& body = {}) {
-    std::vector<std::unique_ptr<Job>> jobs;
+using Jobs = std::vector<std::unique_ptr<Job>>;
+Jobs MakeJobs(int count, const std::function<void()>& body = {}) {
+    Jobs jobs;
     for (int i = 0; i < count; ++i)
         jobs.push_back(std::make_unique<Job>(body));
     return jobs;
+}
+bool All(const Jobs& jobs, std::atomic<bool> Job::*flag) {
+    return std::all_of(jobs.begin(), jobs.end(),
+                       [&](const auto& job) { return (*job.*flag).load(); });
+}
+void QueueAll(JobQueue& queue, const Jobs& jobs, void* context = nullptr) {
+    for (auto& job : jobs)
+        ASSERT_EQ(queue.Queue(job.get(), context), SUCCESS);
 }
 
 // In every test the jobs are declared before the queue, so that the queue
 // has joined its threads before any job is destroyed.
 
-TEST(JobQueueTest, RunsEveryJobWithItsContext) {
+TEST(JobQueueTest, RunsEveryJobWithItsContextAndJobsMayQueueMore) {
     auto jobs = MakeJobs(20);
     int contexts[20];
+    Job child;
+    JobQueue* queuePointer = nullptr;
+    Job parent([&] { EXPECT_EQ(queuePointer->Queue(&child, nullptr), SUCCESS); });
     JobQueue queue;
-    for (int i = 0; i < 20; ++i) {
+    queuePointer = &queue;
+    for (int i = 0; i < 20; ++i)
         ASSERT_EQ(queue.Queue(jobs[i].get(), &contexts[i]), SUCCESS);
-    }
-    ASSERT_TRUE(WaitUntil([&] {
-        for (auto& job : jobs) {
-            if (!job->processed) return false;
-        }
-        return true;
-    }));
-    for (int i = 0; i < 20; ++i) {
+    ASSERT_EQ(queue.Queue(&parent, nullptr), SUCCESS);
+    ASSERT_TRUE(WaitUntil([&] { return All(jobs, &Job::processed) && child.processed; }));
+    for (int i = 0; i < 20; ++i)
         EXPECT_EQ(jobs[i]->Context(), &contexts[i]);
-    }
-}
-
-TEST(JobQueueTest, RefusesNullJobsAndAnythingAfterStop) {
-    Job job;
-    JobQueue queue;
     EXPECT_EQ(queue.Queue(nullptr, nullptr), ASYNCQ_NULLOBJECT);
     queue.Stop();
-    EXPECT_EQ(queue.Queue(&job, nullptr), ASYNCQ_STOPPED);
-    EXPECT_FALSE(job.started);
-    EXPECT_FALSE(job.canceled) << "a refused job belongs to the caller again";
+    Job refused;
+    EXPECT_EQ(queue.Queue(&refused, nullptr), ASYNCQ_STOPPED);
+    EXPECT_FALSE(refused.started || refused.canceled) << "a refused job is the caller's again";
 }
 
-TEST(JobQueueTest, GrowsPastLongRunningJobs) {
-    Gate gate;
-    // Two mounts' worth of workers that run until the gate opens.
-    auto workers = MakeJobs(8, [&] { gate.Wait(); });
-    Job listing;
-    JobQueue queue;
-    OpenOnExit openGate(gate);
-    for (auto& worker : workers) {
-        ASSERT_EQ(queue.Queue(worker.get(), nullptr), SUCCESS);
-    }
-    ASSERT_TRUE(WaitUntil([&] { return queue.RunningCount() == 8; }));
-
-    ASSERT_EQ(queue.Queue(&listing, nullptr), SUCCESS);
-    EXPECT_TRUE(WaitUntil([&] { return listing.processed.load(); }))
-        << "a short job starved behind long-running ones";
-    EXPECT_GE(queue.ThreadCount(), 9u);
-    gate.Open();
-}
-
-TEST(JobQueueTest, KeepsToItsThreadBoundAndQueuesTheRest) {
+TEST(JobQueueTest, KeepsToItsThreadBoundAndDrainWaitsForQueuedJobsToStart) {
     Gate gate;
     auto blockers = MakeJobs(2, [&] { gate.Wait(); });
-    auto waiting = MakeJobs(3);
+    auto waiting = MakeJobs(1);
     JobQueue queue(2);
     OpenOnExit openGate(gate);
-    for (auto& blocker : blockers) {
-        ASSERT_EQ(queue.Queue(blocker.get(), nullptr), SUCCESS);
-    }
+    QueueAll(queue, blockers);
     ASSERT_TRUE(WaitUntil([&] { return queue.RunningCount() == 2; }));
-
-    for (auto& job : waiting) {
-        ASSERT_EQ(queue.Queue(job.get(), nullptr), SUCCESS);
-    }
+    QueueAll(queue, waiting);
     EXPECT_EQ(queue.ThreadCount(), 2u);
-    EXPECT_EQ(queue.PendingCount(), 3u);
-    for (auto& job : waiting) {
-        EXPECT_FALSE(job->started);
-    }
-
+    EXPECT_EQ(queue.PendingCount(), 1u);
+    std::atomic<size_t> pendingWhenDrained{99};
+    std::thread drainer([&] {
+        queue.Drain();
+        pendingWhenDrained = queue.PendingCount();
+    });
+    std::this_thread::sleep_for(10ms);
+    EXPECT_FALSE(All(waiting, &Job::started));
     gate.Open();
-    EXPECT_TRUE(WaitUntil([&] {
-        for (auto& job : waiting) {
-            if (!job->processed) return false;
-        }
-        return true;
-    }));
+    drainer.join();
+    EXPECT_EQ(pendingWhenDrained, 0u);
+    EXPECT_TRUE(WaitUntil([&] { return All(waiting, &Job::processed); }));
     EXPECT_LE(queue.ThreadCount(), 2u);
 }
 
@@ -179,111 +148,41 @@ TEST(JobQueueTest, StopCancelsQueuedJobsAndWaitsForRunningOnes) {
     OpenOnExit openGate(gate);
     ASSERT_EQ(queue.Queue(&running, nullptr), SUCCESS);
     ASSERT_TRUE(WaitUntil([&] { return running.started.load(); }));
-    for (auto& job : queued) {
-        ASSERT_EQ(queue.Queue(job.get(), &context), SUCCESS);
-    }
-
+    QueueAll(queue, queued, &context);
     std::atomic<bool> stopped{false};
     std::thread stopper([&] {
         queue.Stop();
         stopped = true;
     });
-    const bool allCanceled = WaitUntil([&] {
-        for (auto& job : queued) {
-            if (!job->canceled) return false;
-        }
-        return true;
-    });
-    EXPECT_TRUE(allCanceled);
+    EXPECT_TRUE(WaitUntil([&] { return All(queued, &Job::canceled); }));
     EXPECT_FALSE(stopped) << "Stop returned while a job was still running";
     gate.Open();
     stopper.join();
     EXPECT_TRUE(running.processed);
-    for (auto& job : queued) {
-        EXPECT_FALSE(job->started);
-        EXPECT_EQ(job->Context(), &context);
-    }
+    for (auto& job : queued)
+        EXPECT_TRUE(!job->started && job->Context() == &context);
     EXPECT_EQ(queue.ThreadCount(), 0u);
-}
-
-TEST(JobQueueTest, DrainReturnsWhileLongRunningJobsKeepRunning) {
-    Gate gate;
-    auto workers = MakeJobs(4, [&] { gate.Wait(); });
-    auto finishing = MakeJobs(3);
-    JobQueue queue;
-    OpenOnExit openGate(gate);
-    for (auto& worker : workers) {
-        ASSERT_EQ(queue.Queue(worker.get(), nullptr), SUCCESS);
-    }
-    for (auto& job : finishing) {
-        ASSERT_EQ(queue.Queue(job.get(), nullptr), SUCCESS);
-    }
-
-    auto drained = std::async(std::launch::async, [&] { queue.Drain(); });
-    EXPECT_EQ(drained.wait_for(kHangGuard), std::future_status::ready)
-        << "Drain waited for jobs that never end";
-    EXPECT_EQ(queue.PendingCount(), 0u) << "Drain returned before the queued jobs started";
-    for (auto& worker : workers) {
-        EXPECT_FALSE(worker->processed);
-    }
-    gate.Open();
-}
-
-TEST(JobQueueTest, DrainWaitsUntilJobsQueuedBeforeItHaveStarted) {
-    Gate gate;
-    Job blocker([&] { gate.Wait(); });
-    Job queued;
-    JobQueue queue(1);
-    OpenOnExit openGate(gate);
-    ASSERT_EQ(queue.Queue(&blocker, nullptr), SUCCESS);
-    ASSERT_EQ(queue.Queue(&queued, nullptr), SUCCESS);
-
-    std::atomic<size_t> pendingWhenDrained{99};
-    std::thread drainer([&] {
-        queue.Drain();
-        pendingWhenDrained = queue.PendingCount();
-    });
-    gate.Open();
-    drainer.join();
-    EXPECT_EQ(pendingWhenDrained, 0u);
 }
 
 TEST(JobQueueTest, IdleThreadsRetireAndTheQueueStaysUsable) {
     Gate gate;
     auto jobs = MakeJobs(4, [&] { gate.Wait(); });
     Job later;
-    JobQueue queue(JobQueue::kDefaultMaxThreads, 20ms);
-    OpenOnExit openGate(gate);
-    for (auto& job : jobs) {
-        ASSERT_EQ(queue.Queue(job.get(), nullptr), SUCCESS);
-    }
-    ASSERT_TRUE(WaitUntil([&] { return queue.RunningCount() == 4; }));
-    gate.Open();
-    EXPECT_TRUE(WaitUntil([&] { return queue.ThreadCount() == 0; }));
-    queue.Drain();  // joins the retired threads
-
-    ASSERT_EQ(queue.Queue(&later, nullptr), SUCCESS);
-    EXPECT_TRUE(WaitUntil([&] { return later.processed.load(); }));
-}
-
-TEST(JobQueueTest, JobsMayQueueFurtherJobs) {
-    Job child;
-    JobQueue* queuePointer = nullptr;
-    Job parent([&] { EXPECT_EQ(queuePointer->Queue(&child, nullptr), SUCCESS); });
-    JobQueue queue;
-    queuePointer = &queue;
-    ASSERT_EQ(queue.Queue(&parent, nullptr), SUCCESS);
-    EXPECT_TRUE(WaitUntil([&] { return child.processed.load(); }));
-}
-
-TEST(JobQueueTest, DestructionWaitsForRunningJobs) {
     Job slow([] { std::this_thread::sleep_for(50ms); });
     {
-        JobQueue queue;
+        JobQueue queue(JobQueue::kDefaultMaxThreads, 20ms);
+        OpenOnExit openGate(gate);
+        QueueAll(queue, jobs);
+        ASSERT_TRUE(WaitUntil([&] { return queue.RunningCount() == 4; }));
+        gate.Open();
+        EXPECT_TRUE(WaitUntil([&] { return queue.ThreadCount() == 0; }));
+        queue.Drain();  // joins the retired threads
+        ASSERT_EQ(queue.Queue(&later, nullptr), SUCCESS);
+        EXPECT_TRUE(WaitUntil([&] { return later.processed.load(); }));
         ASSERT_EQ(queue.Queue(&slow, nullptr), SUCCESS);
         ASSERT_TRUE(WaitUntil([&] { return slow.started.load(); }));
     }
-    EXPECT_TRUE(slow.processed);
+    EXPECT_TRUE(slow.processed) << "destruction did not wait for a running job";
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -188,16 +189,6 @@ std::string MemoryProtocol::AddFile(const std::string& path, const std::string& 
     return file->key;
 }
 
-void MemoryProtocol::SetRootKey(const std::string& key) {
-    std::lock_guard<std::mutex> lock(mu_);
-    Item root = std::move(items_.at(rootKey_));
-    items_.erase(rootKey_);
-    root.key = rootKey_ = key;
-    for (const auto& child : root.children)
-        Find(child.second)->parentKey = key;
-    items_[key] = std::move(root);
-}
-
 bool MemoryProtocol::GetContents(const std::string& path, std::string* out) const {
     std::lock_guard<std::mutex> lock(mu_);
     const Item* item = FindPath(path);
@@ -211,22 +202,6 @@ bool MemoryProtocol::Exists(const std::string& path) const {
     return FindPath(path) != nullptr;
 }
 
-bool MemoryProtocol::IsFolder(const std::string& path) const {
-    std::lock_guard<std::mutex> lock(mu_);
-    const Item* item = FindPath(path);
-    return item != nullptr && item->folder;
-}
-
-std::vector<std::string> MemoryProtocol::ListNames(const std::string& path) const {
-    std::lock_guard<std::mutex> lock(mu_);
-    std::vector<std::string> names;
-    if (const Item* item = FindPath(path)) {
-        for (const auto& child : item->children)
-            names.push_back(child.first);
-    }
-    return names;
-}
-
 // ---- Remote-side changes ----
 
 bool MemoryProtocol::RemoteAdd(const std::string& path, const std::string& contents) {
@@ -236,7 +211,9 @@ bool MemoryProtocol::RemoteAdd(const std::string& path, const std::string& conte
     if (parent == nullptr || parent->children.count(name) != 0) return false;
     Item& item = NewItem(parent, name, false, Now());
     item.contents = contents;
-    changes_.push_back({Change::kAdded, parent->key, "", RecordOf(item)});
+    changes_.push_back([key = parent->key, record = RecordOf(item)](IFileChanges* sink) mutable {
+        sink->Added(key.c_str(), &record);
+    });
     return true;
 }
 
@@ -244,7 +221,9 @@ bool MemoryProtocol::RemoteRemove(const std::string& path) {
     std::lock_guard<std::mutex> lock(mu_);
     Item* item = FindPath(path);
     if (item == nullptr || item->parentKey.empty()) return false;
-    changes_.push_back({Change::kRemoved, item->parentKey, item->name, _FS_FILE_V2()});
+    changes_.push_back([key = item->parentKey, name = item->name](IFileChanges* sink) {
+        sink->Removed(key.c_str(), name.c_str());
+    });
     Unlink(item);
     return true;
 }
@@ -255,7 +234,9 @@ bool MemoryProtocol::RemoteChange(const std::string& path, const std::string& co
     if (item == nullptr || item->folder) return false;
     item->contents = contents;
     item->modifyTime = item->accessTime = Now();
-    changes_.push_back({Change::kChanged, item->key, "", RecordOf(*item)});
+    changes_.push_back([key = item->key, record = RecordOf(*item)](IFileChanges* sink) mutable {
+        sink->Changed(key.c_str(), &record);
+    });
     return true;
 }
 
@@ -263,55 +244,11 @@ bool MemoryProtocol::QueueRefresh(const std::string& folderPath) {
     std::lock_guard<std::mutex> lock(mu_);
     const Item* folder = FindPath(folderPath);
     if (folder == nullptr || !folder->folder) return false;
-    changes_.push_back({Change::kRefresh, folder->key, "", _FS_FILE_V2()});
+    changes_.push_back([key = folder->key](IFileChanges* sink) { sink->Refresh(key.c_str()); });
     return true;
 }
 
 // ---- Switches and counters ----
-
-void MemoryProtocol::SetCapabilities(unsigned int caps) {
-    std::lock_guard<std::mutex> lock(mu_);
-    caps_ = caps;
-}
-
-void MemoryProtocol::SetQuota(unsigned long long total, unsigned long long used) {
-    std::lock_guard<std::mutex> lock(mu_);
-    quotaTotal_ = total;
-    quotaUsed_ = used;
-}
-
-void MemoryProtocol::SetPieceSize(std::size_t bytes) {
-    std::lock_guard<std::mutex> lock(mu_);
-    pieceSize_ = std::max<std::size_t>(bytes, 1);
-}
-
-void MemoryProtocol::SetDelay(std::chrono::milliseconds delay) {
-    std::lock_guard<std::mutex> lock(mu_);
-    delay_ = delay;
-}
-
-void MemoryProtocol::FailNext(Op op, AERROR code, int times) {
-    std::lock_guard<std::mutex> lock(mu_);
-    failures_[op] = Failure{code, times};
-}
-
-void MemoryProtocol::ClearFailures() {
-    std::lock_guard<std::mutex> lock(mu_);
-    failures_.clear();
-}
-
-void MemoryProtocol::Pause(Op op) {
-    std::lock_guard<std::mutex> lock(mu_);
-    paused_.insert(op);
-}
-
-void MemoryProtocol::Resume(Op op) {
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        paused_.erase(op);
-    }
-    pauseCv_.notify_all();
-}
 
 bool MemoryProtocol::WaitForPaused(Op op, int count) const {
     std::unique_lock<std::mutex> lock(mu_);
@@ -319,39 +256,6 @@ bool MemoryProtocol::WaitForPaused(Op op, int count) const {
         auto it = waiting_.find(op);
         return it != waiting_.end() && it->second >= count;
     });
-}
-
-int MemoryProtocol::Calls(Op op) const {
-    std::lock_guard<std::mutex> lock(mu_);
-    auto it = calls_.find(op);
-    return it == calls_.end() ? 0 : it->second;
-}
-
-void MemoryProtocol::ResetCounters() {
-    std::lock_guard<std::mutex> lock(mu_);
-    calls_.clear();
-    downloadedRanges_.clear();
-    uploadedBytes_ = 0;
-}
-
-std::vector<std::pair<long long, long long>> MemoryProtocol::DownloadedRanges() const {
-    std::lock_guard<std::mutex> lock(mu_);
-    return downloadedRanges_;
-}
-
-long long MemoryProtocol::UploadedBytes() const {
-    std::lock_guard<std::mutex> lock(mu_);
-    return uploadedBytes_;
-}
-
-int MemoryProtocol::CookiesOutstanding() const {
-    std::lock_guard<std::mutex> lock(mu_);
-    return static_cast<int>(liveCookies_.size());
-}
-
-int MemoryProtocol::BadCookieReleases() const {
-    std::lock_guard<std::mutex> lock(mu_);
-    return badCookieReleases_;
 }
 
 // ---- IProtocol_V2 ----
@@ -389,7 +293,6 @@ AERROR MemoryProtocol::Download(const char* key, long long offset, long long siz
         std::size_t piece = 0;
         {
             std::lock_guard<std::mutex> lock(mu_);
-            downloadedRanges_.emplace_back(offset, size);
             piece = pieceSize_;
             const Item* item = Find(key);
             if (item == nullptr) return FILE_NOT_FOUND;
@@ -432,28 +335,9 @@ AERROR MemoryProtocol::ListFolder(const char* key, IFileList* sink, void** cooki
 
 AERROR MemoryProtocol::GetChanges(IFileChanges* sink, void** cookie) {
     return Run(Op::GetChanges, cookie, [&] {
-        std::vector<Change> changes;
-        {
-            std::lock_guard<std::mutex> lock(mu_);
-            changes.swap(changes_);
-        }
-        for (Change& change : changes) {
-            const char* key = change.key.c_str();
-            switch (change.kind) {
-                case Change::kAdded:
-                    sink->Added(key, &change.record);
-                    break;
-                case Change::kRemoved:
-                    sink->Removed(key, change.name.c_str());
-                    break;
-                case Change::kChanged:
-                    sink->Changed(key, &change.record);
-                    break;
-                case Change::kRefresh:
-                    sink->Refresh(key);
-                    break;
-            }
-        }
+        const auto changes = Locked([&] { return std::exchange(changes_, {}); });
+        for (const auto& report : changes)
+            report(sink);
         return SUCCESS;
     });
 }
@@ -531,26 +415,21 @@ AERROR MemoryProtocol::CreateFolder(const char* parentKey, _FS_FILE_V2* record, 
 }
 
 AERROR MemoryProtocol::DeleteItem(const _FS_FILE_V2* record, void** cookie) {
-    return Run(Op::DeleteItem, cookie, [&] {
-        std::lock_guard<std::mutex> lock(mu_);
-        Item* item = Find(record->key);
-        if (item == nullptr) return FILE_NOT_FOUND;
-        if (item->folder) return INVALID_PARAMETER;
-        Unlink(item);
-        return SUCCESS;
-    });
+    return Run(Op::DeleteItem, cookie, [&] { return Delete(record->key, false); });
 }
 
 AERROR MemoryProtocol::DeleteFolder(const _FS_FILE_V2* record, void** cookie) {
-    return Run(Op::DeleteFolder, cookie, [&] {
-        std::lock_guard<std::mutex> lock(mu_);
-        Item* item = Find(record->key);
-        if (item == nullptr) return FILE_NOT_FOUND;
-        if (!item->folder) return INVALID_PARAMETER;
-        if (item->parentKey.empty()) return ACCESS_DENIED;
-        Unlink(item);
-        return SUCCESS;
-    });
+    return Run(Op::DeleteFolder, cookie, [&] { return Delete(record->key, true); });
+}
+
+AERROR MemoryProtocol::Delete(const std::string& key, bool folder) {
+    std::lock_guard<std::mutex> lock(mu_);
+    Item* item = Find(key);
+    if (item == nullptr) return FILE_NOT_FOUND;
+    if (item->folder != folder) return INVALID_PARAMETER;
+    if (item->parentKey.empty()) return ACCESS_DENIED;  // the root
+    Unlink(item);
+    return SUCCESS;
 }
 
 AERROR MemoryProtocol::UploadTarget(const std::string& parentKey, const _FS_FILE_V2& record,

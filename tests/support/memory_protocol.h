@@ -1,30 +1,24 @@
-// An in-memory remote store for tests: a tree of folders and files that the
-// library reaches through IProtocol_V2, with switches to make operations fail,
-// pause or slow down, and counters that tests read afterwards.
+// An in-memory remote for the library's tests and benchmarks: a tree of
+// folders and files reached through IProtocol_V2, with switches that make
+// operations fail, wait or slow down, and counters. The root's key is "/";
+// other items get "k1", "k2"... and keep it through renames, moves and
+// overwrites. Helpers name items by "/"-separated paths.
 //
-// Keys. The root folder's key is "/" (SetRootKey changes it); every other item
-// gets a key "k1", "k2", ... when it is created and keeps it through renames,
-// moves and overwrites. Test helpers name items by "/"-separated paths below
-// the root; every lookup is exact.
-//
-// Strictness. The protocol refuses calls a careful remote would refuse, so
-// that a library fault shows up as a failure: MoveItem/DeleteItem on a folder
-// and MoveFolder/DeleteFolder on a file are INVALID_PARAMETER; RenameItem with
-// a parentKey that is not the item's folder is INVALID_PARAMETER; SetItemTime
-// without PROTOCOL_CAP_SET_TIME is NOT_SUPPORTED; an upload whose source ends
-// before record->size bytes is FILE_READ_FAILED and stores nothing.
-//
-// Cookies. Every failed operation that was given a cookie slot stores a new
-// cookie there. Tests check that the library releases each exactly once.
-//
-// Threads. All state sits behind one mutex, which is never held while the
-// protocol calls back into the library.
+// It refuses what a careful remote refuses, so that library faults show:
+// MoveItem/DeleteItem on a folder, MoveFolder/DeleteFolder on a file, and
+// RenameItem with a parentKey other than the item's folder are
+// INVALID_PARAMETER; SetItemTime without PROTOCOL_CAP_SET_TIME is
+// NOT_SUPPORTED; an upload whose source ends before record->size stores
+// nothing (FILE_READ_FAILED). Each failure with a cookie slot stores a new
+// cookie, which the library must release exactly once. One mutex guards all
+// state and is never held while calling back into the library.
 #ifndef LIBFS_TESTS_SUPPORT_MEMORY_PROTOCOL_H_
 #define LIBFS_TESTS_SUPPORT_MEMORY_PROTOCOL_H_
 
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -36,6 +30,13 @@
 #include "libfilesystem/protocol.h"
 
 class MemoryProtocol : public IProtocol_V2 {
+    // Runs `body` under the one mutex (defined first, for the inline helpers).
+    template <typename F>
+    auto Locked(F body) const {
+        std::lock_guard<std::mutex> lock(mu_);
+        return body();
+    }
+
   public:
     // The remote operations, for counters and switches.
     enum class Op {
@@ -68,13 +69,10 @@ class MemoryProtocol : public IProtocol_V2 {
     std::string AddFolder(const std::string& path);
     std::string AddFile(const std::string& path, const std::string& contents,
                         const std::string& modifyTime = kDefaultTime);
-    void SetRootKey(const std::string& key);
 
     // ---- Inspection ----
     bool GetContents(const std::string& path, std::string* out) const;
     bool Exists(const std::string& path) const;
-    bool IsFolder(const std::string& path) const;
-    std::vector<std::string> ListNames(const std::string& path) const;  // sorted
 
     // ---- Remote-side changes, queued for GetChanges ----
     // Adds a file whose folder exists: Added(parentKey, record).
@@ -87,30 +85,50 @@ class MemoryProtocol : public IProtocol_V2 {
     bool QueueRefresh(const std::string& folderPath);
 
     // ---- Behaviour switches ----
-    void SetCapabilities(unsigned int caps);  // default PROTOCOL_CAP_PARTIAL_READ
-    void SetQuota(unsigned long long total, unsigned long long used);  // default 1 GiB, 0
-    void SetPieceSize(std::size_t bytes);  // largest piece a fetch callback gets
+    void SetCapabilities(unsigned int caps) { Set(caps_, caps); }       // default PARTIAL_READ
+    void SetQuota(unsigned long long total, unsigned long long used) {  // default 1 GiB, 0
+        Locked([&] { quotaTotal_ = total, quotaUsed_ = used; });
+    }
+    void SetPieceSize(std::size_t bytes) { Set(pieceSize_, bytes); }  // largest piece fetched
     // Sleeps this long at the start of every remote operation.
-    void SetDelay(std::chrono::milliseconds delay);
+    void SetDelay(std::chrono::milliseconds delay) { Set(delay_, delay); }
     // The next `times` calls of `op` (every call, with FailAlways) fail with
     // `code` before touching anything.
-    void FailNext(Op op, AERROR code, int times = 1);
+    void FailNext(Op op, AERROR code, int times = 1) {
+        Locked([&] { failures_[op] = Failure{code, times}; });
+    }
     void FailAlways(Op op, AERROR code) { FailNext(op, code, -1); }
-    void ClearFailures();
+    void ClearFailures() { Set(failures_, std::map<Op, Failure>()); }
     // Calls of `op` that start while paused wait until Resume.
-    void Pause(Op op);
-    void Resume(Op op);
+    void Pause(Op op) {
+        Locked([&] { paused_.insert(op); });
+    }
+    void Resume(Op op) {
+        Locked([&] { paused_.erase(op); });
+        pauseCv_.notify_all();
+    }
     // Waits until `count` calls of `op` are held by Pause (a guard against
     // hangs: false after ten seconds).
     bool WaitForPaused(Op op, int count) const;
 
     // ---- Counters ----
-    int Calls(Op op) const;
-    void ResetCounters();  // calls and transfer counters
-    std::vector<std::pair<long long, long long>> DownloadedRanges() const;  // (offset, size)
-    long long UploadedBytes() const;  // bytes read from upload sources (for the benchmarks)
-    int CookiesOutstanding() const;
-    int BadCookieReleases() const;  // releases of a cookie that is not live
+    int Calls(Op op) const {
+        return Locked([&] { return calls_.count(op) != 0 ? calls_.at(op) : 0; });
+    }
+    void ResetCounters() {  // calls and uploaded bytes
+        Locked([&] { calls_.clear(), uploadedBytes_ = 0; });
+    }
+    // Bytes read from upload sources (for the benchmarks).
+    long long UploadedBytes() const {
+        return Locked([&] { return uploadedBytes_; });
+    }
+    int CookiesOutstanding() const {
+        return Locked([&] { return int(liveCookies_.size()); });
+    }
+    // Releases of a cookie that is not live.
+    int BadCookieReleases() const {
+        return Locked([&] { return badCookieReleases_; });
+    }
 
     // ---- IProtocol_V2 ----
     AERROR GetIdentity(char* buffer, unsigned long length) override;
@@ -140,6 +158,10 @@ class MemoryProtocol : public IProtocol_V2 {
     AERROR GetRootKey(char* buffer, unsigned long* length) override;
 
   private:
+    template <typename T, typename V>
+    void Set(T& field, V value) {
+        Locked([&] { field = std::move(value); });
+    }
     struct Item {
         std::string key;
         std::string name;
@@ -150,12 +172,6 @@ class MemoryProtocol : public IProtocol_V2 {
         std::string modifyTime;
         std::string parentKey;                        // "" for the root
         std::map<std::string, std::string> children;  // name -> key, folders only
-    };
-    struct Change {
-        enum Kind { kAdded, kRemoved, kChanged, kRefresh } kind;
-        std::string key;
-        std::string name;
-        _FS_FILE_V2 record;
     };
     struct Failure {
         AERROR code = SUCCESS;
@@ -182,6 +198,8 @@ class MemoryProtocol : public IProtocol_V2 {
     Item* ParentOf(const std::string& path, std::string* name, bool create);
     Item& NewItem(Item* parent, const std::string& name, bool folder, const std::string& time);
     void Unlink(Item* item);  // removes the item and everything below it
+    // DeleteItem (folder false) and DeleteFolder (folder true); takes mu_.
+    AERROR Delete(const std::string& key, bool folder);
     // MoveItem (folder false) and MoveFolder (folder true).
     AERROR MoveLocked(const char* key, const char* newParentKey, bool folder, _FS_FILE_V2* record);
     // Where an upload goes: an existing file (`*target`: record.key, or a
@@ -194,10 +212,10 @@ class MemoryProtocol : public IProtocol_V2 {
     mutable std::mutex mu_;
     mutable std::condition_variable pauseCv_;
     const std::string identity_;
-    std::string rootKey_ = "/";
+    const std::string rootKey_ = "/";
     std::map<std::string, Item> items_;  // key -> item
     unsigned long long nextKey_ = 1;
-    std::vector<Change> changes_;
+    std::vector<std::function<void(IFileChanges*)>> changes_;  // reports, in order
 
     unsigned int caps_ = PROTOCOL_CAP_PARTIAL_READ;
     unsigned long long quotaTotal_ = 1ULL << 30;
@@ -209,7 +227,6 @@ class MemoryProtocol : public IProtocol_V2 {
     std::map<Op, int> waiting_;
 
     std::map<Op, int> calls_;
-    std::vector<std::pair<long long, long long>> downloadedRanges_;
     long long uploadedBytes_ = 0;
     std::set<void*> liveCookies_;
     int badCookieReleases_ = 0;

@@ -15,14 +15,8 @@
 void RecordingLog::LogV(LOGLEVEL level, const char* format, va_list args) {
     char line[4096];
     vsnprintf(line, sizeof line, format, args);
-    if (echo_) fprintf(stderr, "[%d] %s\n", level, line);
     std::lock_guard<std::mutex> lock(mutex_);
     lines_.emplace_back(level, line);
-}
-
-std::vector<std::pair<LOGLEVEL, std::string>> RecordingLog::Lines() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
 }
 
 int RecordingLog::Count(const std::string& text, int level) {
@@ -32,6 +26,12 @@ int RecordingLog::Count(const std::string& text, int level) {
         if ((level == 0 || lineLevel == level) && line.find(text) != std::string::npos) ++count;
     }
     return count;
+}
+
+RecordingLog::Line RecordingLog::Last() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (lines_.empty()) return Line();
+    return Line{lines_.back().first, lines_.back().second};
 }
 
 void RecordingLog::Clear() {

@@ -18,18 +18,20 @@ class RecordingLog : public ILog {
     bool IsEnabled(LOGLEVEL) override { return true; }
     void LogV(LOGLEVEL level, const char* format, va_list args) override;
 
-    std::vector<std::pair<LOGLEVEL, std::string>> Lines();
     // Lines that contain `text`, at `level` (any level when 0).
     int Count(const std::string& text, int level = 0);
     bool Has(const std::string& text, int level = 0) { return Count(text, level) > 0; }
+    struct Line {
+        LOGLEVEL level = LL_DEBUG;
+        std::string text;
+    };
+    // The last line; an empty one when there is none.
+    Line Last();
     void Clear();
-    // Also print lines to stderr (for debugging a test).
-    void SetEcho(bool echo) { echo_ = echo; }
 
   private:
     std::mutex mutex_;
     std::vector<std::pair<LOGLEVEL, std::string>> lines_;
-    bool echo_ = false;
 };
 
 // A folder under /tmp, removed with everything in it when destroyed.

@@ -23,10 +23,7 @@ int RecordingEvents::AskUploadFailure(AERROR, const char*, char* answerPath,
     return answer_;
 }
 
-void RecordingEvents::Progress(const char*, unsigned long long, unsigned long long total, double) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    progressTotal_ = total;
-}
+void RecordingEvents::Progress(const char*, unsigned long long, unsigned long long, double) {}
 
 std::vector<RecordingEvents::Report> RecordingEvents::Errors() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -47,11 +44,6 @@ void RecordingEvents::Answer(int answer, std::string savePath) {
     std::lock_guard<std::mutex> lock(mutex_);
     answer_ = answer;
     savePath_ = std::move(savePath);
-}
-
-unsigned long long RecordingEvents::LastProgressTotal() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return progressTotal_;
 }
 
 int RecordingNotifier::ChangeNotify(NOTIFYEVENT event, unsigned int, const void* item1,

@@ -1,4 +1,4 @@
-// A file system over an in-memory remote and an in-memory cache, without the
+// A file system over an in-memory remote and the host's disk cache, without the
 // kernel: what node-level tests start from.
 #ifndef LIBFS_TESTS_SUPPORT_VOLUME_FIXTURE_H_
 #define LIBFS_TESTS_SUPPORT_VOLUME_FIXTURE_H_
@@ -12,7 +12,7 @@
 
 #include "fs/filesystem.h"
 #include "libfilesystem/libfilesystem.h"
-#include "support/memory_cache.h"
+#include "support/disk_test_cache.h"
 #include "support/memory_protocol.h"
 #include "support/test_env.h"
 #include "tree/file.h"
@@ -36,7 +36,6 @@ class RecordingEvents : public IFSEvent {
     int Questions();
     // What AskUploadFailure answers, and the path it gives for a save.
     void Answer(int answer, std::string savePath = "");
-    unsigned long long LastProgressTotal();
 
   private:
     std::mutex mutex_;
@@ -45,7 +44,6 @@ class RecordingEvents : public IFSEvent {
     int questions_ = 0;
     int answer_ = 0;
     std::string savePath_;
-    unsigned long long progressTotal_ = 0;
 };
 
 // Records change notifications in order, as "EVENT path" texts.
@@ -76,7 +74,7 @@ class VolumeFixture : public ::testing::Test {
                          AERROR* result = nullptr);
 
     RecordingLog log_;
-    MemoryCacheService cache_;
+    DiskTestCache cache_;
     std::unique_ptr<FileSystem> fs_;
     std::shared_ptr<MemoryProtocol> protocol_;
     std::shared_ptr<RecordingEvents> events_;
