@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "libfilesystem/libfilesystem.h"
-#include "support/memory_cache.h"
+#include "support/disk_test_cache.h"
 #include "support/memory_protocol.h"
 #include "support/test_env.h"
-#include "support/thread_queue.h"
+#include "services/job_queue.h"
 
 namespace {
 
@@ -60,8 +60,8 @@ int main() {
         fprintf(stderr, "big_file: %s\n", why.c_str());
         return 1;
     }
-    ThreadQueue queue;
-    MemoryCacheService cache(1 << 20);
+    JobQueue queue;
+    DiskTestCache cache(1 << 20);
     FS_BindAsyncQ(&queue);
     FS_BindCache(&cache);
     FS_Initialize("skarvo-bench");

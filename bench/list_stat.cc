@@ -13,7 +13,7 @@
 #include "libfilesystem/libfilesystem.h"
 #include "support/memory_protocol.h"
 #include "support/test_env.h"
-#include "support/thread_queue.h"
+#include "services/job_queue.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ int main() {
         return 1;
     }
     QuietLog log;
-    ThreadQueue queue;
+    JobQueue queue;
     FS_BindLogger(FS_LOGGER_MAIN, &log);
     FS_BindAsyncQ(&queue);
     FS_Initialize("skarvo-bench");
