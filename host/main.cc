@@ -48,6 +48,11 @@ int ListNamedRemotes(const EnvLookup& env) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // With TZ unset, the C library checks /etc/localtime on every time
+    // conversion: four stat calls per file created (strace of 1,000 creates
+    // of 4 KiB). Naming the file reads it once; a change of the system's
+    // time zone shows after skarvo's next start.
+    setenv("TZ", ":/etc/localtime", 0);
     const std::vector<std::string> args(argv + 1, argv + argc);
     if (!args.empty() && args[0] == "status") {
         return RunStatusCommand(std::vector<std::string>(args.begin() + 1, args.end()));

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "export/mount_arguments.h"
+#include "export/process_names.h"
 #include "foundation/string_utils.h"
 #include "fs/filesystem_interfaces.h"
 #include "libfilesystem/unique_fd.h"
@@ -334,6 +335,11 @@ std::string ExportServiceFUSE::GetProcessName() {
 }
 
 std::string ExportServiceFUSE::GetProcessName(pid_t pid) {
+    static ProcessNames names(ReadProcessName);
+    return names.Get(pid);
+}
+
+std::string ExportServiceFUSE::ReadProcessName(pid_t pid) {
 #ifdef __APPLE__
     std::vector<char> buffer(65536, 0);
     if (proc_name(pid, buffer.data(), buffer.size()) > 0 && buffer[0] != '\0') {

@@ -72,6 +72,8 @@ class ExportServiceFUSE : public ExportService {
     int setxattr(const char* path, const char* name, const char* value, size_t size, int flags);
 
   private:
+    // Reads the name of `pid` from the system, every time.
+    static std::string ReadProcessName(pid_t pid);
     // Calls `body` with the file system and the requesting process's name,
     // turning every escaping exception into a logged -EIO. A null `path` (a
     // file unlinked while open) answers -ENOENT.
