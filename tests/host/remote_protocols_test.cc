@@ -18,6 +18,7 @@
 #include "cli/remote_schemes.h"
 #include "protocol_recorders.h"
 #include "remotes/fault_protocol.h"
+#include "support/test_env.h"
 
 namespace fs = std::filesystem;
 
@@ -28,20 +29,13 @@ constexpr const char* kTempPrefix = ".skarvo-upload-";
 class LocalProtocolTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char base[] = "/tmp/local_protocol_test.XXXXXX";
-        ASSERT_NE(mkdtemp(base), nullptr);
-        base_ = base;
-        root_ = base_ + "/remote";
         fs::create_directories(root_);
         fs::create_directories(base_ + "/outside");
         WriteText(base_ + "/outside/secret.txt", "secret");
         const Status created = LocalProtocol::Create(root_, &protocol_);
         ASSERT_TRUE(created.ok()) << created.message();
     }
-    void TearDown() override {
-        protocol_.reset();
-        fs::remove_all(base_);
-    }
+    void TearDown() override { protocol_.reset(); }
     std::string Path(const std::string& relative) const { return root_ + "/" + relative; }
     // Every name in a folder, temporary files included.
     std::string RawNames(const std::string& relative = "") const {
@@ -94,8 +88,9 @@ class LocalProtocolTest : public ::testing::Test {
         return true;
     }
 
-    std::string base_;
-    std::string root_;
+    TempDir tmp_;
+    const std::string base_ = tmp_.path();
+    const std::string root_ = base_ + "/remote";
     std::shared_ptr<LocalProtocol> protocol_;
 };
 
