@@ -58,14 +58,6 @@ class UntrustedNamesProtocol : public MemoryProtocol {
 class BrowseTest : public VolumeFixture {
   protected:
     int Stat(const char* path, struct stat* st) { return fs_->GetAttr(path, st, "test"); }
-    std::set<std::string> List(const char* path) {
-        std::list<FS_DIR_ENTRY> entries;
-        EXPECT_EQ(fs_->ReadDir(path, entries, "test"), 0);
-        std::set<std::string> names;
-        for (const auto& entry : entries)
-            names.insert(entry.name);
-        return names;
-    }
     const std::set<std::string> markers_ = {".", "..", ".ql_disablethumbnails", ".ql_disablecache"};
 };
 

@@ -17,15 +17,6 @@ class NamespaceTest : public VolumeFixture {
         protocol_->AddFolder("/other");
         ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
     }
-    std::set<std::string> Children(const std::string& path) {
-        std::list<FS_DIR_ENTRY> entries;
-        fs_->ReadDir(path.c_str(), entries, "test");
-        std::set<std::string> names;
-        for (const auto& entry : entries) {
-            if (entry.name[0] != '.') names.insert(entry.name);
-        }
-        return names;
-    }
 };
 
 TEST_F(NamespaceTest, CreatingAFolderAsksTheRemoteFirst) {
@@ -33,7 +24,7 @@ TEST_F(NamespaceTest, CreatingAFolderAsksTheRemoteFirst) {
     notifier_.Clear();
     ASSERT_EQ(docs->CreateDirectory("New"), SUCCESS);
     EXPECT_NE(protocol_->AddFolder("/docs/New"), "");  // "" when not a folder
-    EXPECT_TRUE(Children("/docs").count("New"));
+    EXPECT_TRUE(List("/docs").count("New"));
     EXPECT_EQ(notifier_.Events(), (std::vector<std::string>{"NE_MKDIR docs\\New"}));
 
     // A name that differs only in case is taken, and the remote is not asked.
@@ -43,7 +34,7 @@ TEST_F(NamespaceTest, CreatingAFolderAsksTheRemoteFirst) {
 
     protocol_->FailNext(Op::CreateFolder, ACCESS_DENIED);
     EXPECT_EQ(docs->CreateDirectory("Refused"), ACCESS_DENIED);
-    EXPECT_FALSE(Children("/docs").count("Refused"));
+    EXPECT_FALSE(List("/docs").count("Refused"));
     ASSERT_EQ(events_->Errors().size(), 1u);
     EXPECT_EQ(events_->Errors()[0].kind, FSEVENT_CREATE_FOLDER_FAILED);
     EXPECT_EQ(events_->Errors()[0].localPath, "/mnt/test/docs");
@@ -61,7 +52,7 @@ TEST_F(NamespaceTest, DeletingChangesTheTreeOnlyAfterTheRemote) {
     notifier_.Clear();
     EXPECT_EQ(file->unlink(true), SUCCESS);
     EXPECT_FALSE(protocol_->Exists("/docs/a.txt"));
-    EXPECT_FALSE(Children("/docs").count("a.txt"));
+    EXPECT_FALSE(List("/docs").count("a.txt"));
     EXPECT_EQ(notifier_.Events(),
               (std::vector<std::string>{"NE_DELETE docs\\a.txt", "NE_FREESPACE"}));
 
@@ -183,12 +174,12 @@ TEST_F(RemoteChangesTest, AddedRemovedAndRefreshReachListedFolders) {
     protocol_->RemoteAdd("/docs/new.txt", "n");
     protocol_->RemoteAdd("/unlisted/inner/ignored.txt", "i");
     Poll();
-    EXPECT_TRUE(Children("/docs").count("new.txt"));
+    EXPECT_TRUE(List("/docs").count("new.txt"));
     protocol_->RemoteRemove("/docs/new.txt");
     protocol_->RemoteRemove("/docs/never-there.txt");
     notifier_.Clear();
     Poll();
-    EXPECT_FALSE(Children("/docs").count("new.txt"));
+    EXPECT_FALSE(List("/docs").count("new.txt"));
     EXPECT_EQ(notifier_.Events(), (std::vector<std::string>{"NE_DELETE docs\\new.txt"}));
 
     // A refresh lists the folder now, however fresh its listing.
@@ -198,7 +189,7 @@ TEST_F(RemoteChangesTest, AddedRemovedAndRefreshReachListedFolders) {
     protocol_->ResetCounters();
     Poll();
     EXPECT_EQ(protocol_->Calls(Op::ListFolder), 1);
-    EXPECT_TRUE(Children("/docs").count("quiet.txt"));
+    EXPECT_TRUE(List("/docs").count("quiet.txt"));
 }
 
 TEST_F(RemoteChangesTest, AChangedFileIsReadAfresh) {

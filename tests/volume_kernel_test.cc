@@ -1,20 +1,21 @@
-// The volume through the kernel over the in-memory remote: what the tools see,
-// rename(2) and its refusals, and what happens to uploads that are held, fail,
-// or race with a rename, a delete or an unmount. Everyday copies and edits are
-// the end-to-end and differential tests' part.
+// The volume through the kernel over the in-memory remote: mounting and
+// unmounting and the mount manager's refusals, and what happens to uploads
+// that are held, fail, or race with a rename, a delete or an unmount.
+// Everyday copies and edits are the end-to-end and differential tests' part.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <sys/statvfs.h>
+#include <sys/wait.h>
+
 #include <atomic>
 #include <functional>
 #include <random>
-#include <sstream>
+#include <system_error>
 #include <thread>
 
-#include "foundation/time_utils.h"
+#include "api/mount_manager.h"
 #include "libfilesystem/libfilesystem.h"
 #include "services/job_queue.h"
 #include "support/disk_test_cache.h"
@@ -61,8 +62,11 @@ class VolumeKernelTest : public ::testing::Test {
     }
     void Down(bool force = false) {
         ASSERT_TRUE(WaitUntil([&] { return Unmount(point_.c_str(), force) == SUCCESS; }));
-        ASSERT_TRUE(WaitUntil([&] { return FS_GetFileSystemImpl(point_.c_str()) == nullptr; }));
+        ASSERT_TRUE(Gone());
+    }
+    bool Gone() {
         mounted_ = false;
+        return WaitUntil([&] { return FS_GetFileSystemImpl(point_.c_str()) == nullptr; });
     }
     // Waits until every upload has ended.
     bool Settled() {
@@ -85,7 +89,8 @@ class VolumeKernelTest : public ::testing::Test {
     int Sh(const std::string& command) { return Shell(command); }
 
     RecordingLog log_;
-    JobQueue queue_;
+    // The host's queue; idle threads retire soon, so thread counts settle.
+    JobQueue queue_{JobQueue::kDefaultMaxThreads, std::chrono::milliseconds(100)};
     DiskTestCache cache_{65536};
     TempDir dir_;
     std::string point_;
@@ -94,6 +99,133 @@ class VolumeKernelTest : public ::testing::Test {
     std::shared_ptr<MemoryProtocol> protocol_;
     std::shared_ptr<RecordingEvents> events_;
 };
+
+// Counts the drive-removed notifications a file system sends when it is
+// finalised.
+class CountingNotifier : public INotifier {
+  public:
+    int ChangeNotify(NOTIFYEVENT event, unsigned int, const void*, const void*) override {
+        if (event == NE_DRIVE_REMOVE) ++driveRemoved;
+        return 0;
+    }
+    std::atomic<int> driveRemoved{0};
+};
+
+TEST_F(VolumeKernelTest, VolumeComesUpServesOtherProcessesAndGoesDownOnEitherUnmount) {
+    for (const bool fromOutside : {false, true}) {
+        CountingNotifier notifier;
+        Up();
+        fs_->SetNotifier(&notifier);
+        std::weak_ptr<MemoryProtocol> protocol = protocol_;
+        protocol_ = std::make_shared<MemoryProtocol>();
+        EXPECT_TRUE(IsMounted(point_));
+        EXPECT_EQ(FS_GetFileSystemImpl(point_.c_str()), fs_);
+        EXPECT_EQ(RunProgram({"stat", point_}), 0);
+        EXPECT_TRUE(log_.Has("[FILESYSTEM] [" + point_ + ":stat] GetAttr : /", LL_DEBUG));
+        if (fromOutside) {
+            ASSERT_EQ(RunProgram({"fusermount", "-u", point_}), 0);
+        } else {
+            ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
+        }
+        ASSERT_TRUE(Gone());
+        EXPECT_FALSE(IsMounted(point_));
+        EXPECT_EQ(notifier.driveRemoved.load(), 1);  // Finalize ran once
+        EXPECT_TRUE(protocol.expired());             // Destroy dropped the protocols
+        EXPECT_TRUE(WaitUntil([&] { return log_.Has(point_ + " unmounted"); }));
+        // The mount point is removed.
+        EXPECT_TRUE(WaitUntil([&] { return access(point_.c_str(), F_OK) != 0; }));
+        log_.Clear();
+    }
+}
+
+TEST_F(VolumeKernelTest, WithoutAFinalisingThreadTheMountThreadTearsTheVolumeDown) {
+    Up();
+    const auto starter = MountManager::startThread;
+    MountManager::startThread = [](std::function<void()>) {
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    };
+    ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
+    const bool gone = Gone();
+    MountManager::startThread = starter;
+    ASSERT_TRUE(gone);
+    EXPECT_TRUE(log_.Has("[FILESYSTEM] " + point_ + ": thread constructor failed", LL_ERROR));
+    EXPECT_TRUE(log_.Has(point_ + " unmounted"));
+    EXPECT_FALSE(IsMounted(point_));
+}
+
+TEST_F(VolumeKernelTest, RefusesASecondMountAndOneDuringUnmountingLeavingTheFirstWorking) {
+    protocol_->AddFile("/hello.txt", "hello");
+    Up();
+    IFileSystem_V2* second = nullptr;
+    EXPECT_EQ(Mount(point_.c_str(), "Again", MT_DEFAULT, &second, nullptr, nullptr),
+              FS_ALREADY_MOUNTED);
+    EXPECT_TRUE(log_.Has(point_ + " already mounted", LL_WARNING));
+    EXPECT_EQ(RunProgram({"stat", point_ + "/hello.txt"}), 0);
+
+    // A process inside the volume keeps it busy: the unmount detaches it
+    // lazily and the mount stays in the table until the process leaves.
+    const pid_t holder = fork();
+    if (holder == 0) {
+        if (chdir(point_.c_str()) != 0) _exit(1);
+        execlp("sleep", "sleep", "30", static_cast<char*>(nullptr));
+        _exit(1);
+    }
+    ASSERT_TRUE(WaitUntil([&] {
+        std::string cwd = ReadFile("/proc/" + std::to_string(holder) + "/cmdline");
+        return cwd.rfind("sleep", 0) == 0;
+    }));
+    ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
+    EXPECT_EQ(Mount(point_.c_str(), "Again", MT_DEFAULT, &second, nullptr, nullptr),
+              FS_ALREADY_MOUNTED);
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    EXPECT_TRUE(Gone());
+}
+
+// A protocol that starts throwing once told to.
+class ThrowingProtocol : public MemoryProtocol {
+  public:
+    unsigned int GetCapabilities() override {
+        if (throwing) throw std::runtime_error("protocol exploded");
+        return MemoryProtocol::GetCapabilities();
+    }
+    std::atomic<bool> throwing{false};
+};
+
+TEST_F(VolumeKernelTest, ExceptionsInACallbackAreLoggedAndAnsweredWithEIO) {
+    auto protocol = std::make_shared<ThrowingProtocol>();
+    protocol_ = protocol;
+    Up();
+    protocol->throwing = true;
+    EXPECT_NE(RunProgram({"stat", point_ + "/missing"}), 0);
+    EXPECT_TRUE(log_.Has("[FILESYSTEM] FUSE_getattr exception : protocol exploded", LL_CRITICAL));
+    protocol->throwing = false;
+}
+
+TEST_F(VolumeKernelTest, RepeatedMountsLeakNoThreadFileDescriptorOrMount) {
+    protocol_->AddFile("/hello.txt", "hello");
+    // One cycle first, so that lazily created process-wide state exists.
+    Up();
+    ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
+    ASSERT_TRUE(Gone());
+    queue_.Drain();
+    ASSERT_TRUE(WaitUntil([&] { return queue_.ThreadCount() == 0; }));
+    const int threads = CountThreads();
+    const int fds = CountOpenFds();
+
+    for (int cycle = 0; cycle < 50; ++cycle) {
+        Up();
+        ASSERT_EQ(RunProgram({"stat", point_ + "/hello.txt"}), 0);
+        ASSERT_EQ(Unmount(point_.c_str(), false), SUCCESS);
+        ASSERT_TRUE(Gone()) << "cycle " << cycle;
+    }
+    queue_.Drain();
+    // Finalising threads end on their own after the mount is gone.
+    EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= threads; }))
+        << CountThreads() << " threads, " << threads << " before";
+    EXPECT_EQ(CountOpenFds(), fds);
+    EXPECT_FALSE(IsMounted(point_));
+}
 
 TEST_F(VolumeKernelTest, CloseWaitsForTheUploadOnlyWhenAsynchronousUploadIsOff) {
     protocol_->SetDelay(std::chrono::milliseconds(300));
@@ -257,8 +389,7 @@ TEST_F(VolumeKernelTest, UnmountWaitsForUploadsUnlessForced) {
     EXPECT_TRUE(IsMounted(point_));
     EXPECT_EQ(Unmount(point_.c_str(), true), SUCCESS);
     protocol_->Resume(Op::UploadItem);
-    ASSERT_TRUE(WaitUntil([&] { return FS_GetFileSystemImpl(point_.c_str()) == nullptr; }));
-    mounted_ = false;
+    ASSERT_TRUE(Gone());
     EXPECT_FALSE(IsMounted(point_));
     // The four workers returned to the queue.
     queue_.Drain();

@@ -1,6 +1,7 @@
 # Cases that kill skarvo with SIGKILL, as the OOM killer would, and mount
 # again from the same cache; and `skarvo status`. Sourced by skarvo_e2e.sh;
-# they use its helpers.
+# they use its helpers, and each runs in a subshell of its own, so that what
+# it sets (REMOTE_ARG through the fault: remote) ends with it.
 CRASH_CASES=(crash_pending crash_after_fsync status)
 # Known to differ on WebDAV: a forced stop there still waits for a PUT that
 # is already sending, so --now does not leave it unsent.
@@ -39,8 +40,7 @@ case_crash_pending() {
   head -c $((8 << 20)) /dev/urandom > "$WORK/mine.bin"
   echo base > "$REMOTE/theirs.txt"
   touch "$WORK/slow"
-  local remote=$REMOTE_ARG
-  REMOTE_ARG=fault:rate=1m,switch=$WORK/slow:$remote
+  REMOTE_ARG=fault:rate=1m,switch=$WORK/slow:$REMOTE_ARG
   up
   mkdir "$MNT/Dir"
   cp "$WORK/big.bin" "$MNT/Dir/Big.bin"
@@ -65,7 +65,6 @@ case_crash_pending() {
     "$WORK/skarvo.log" || fail "the log does not say where theirs.txt went"
   status_json "d['uploads'] == [] and d['recoveryFiles'] == ['$CACHE/recovered/theirs.txt']"
   down
-  REMOTE_ARG=$remote
   no_leftovers
 }
 
@@ -100,8 +99,7 @@ EOF
 # skarvo status while uploads fail, once they stop failing, and after a crash.
 case_status() {
   touch "$WORK/failing"
-  local remote=$REMOTE_ARG
-  REMOTE_ARG=fault:upload=1:SOCK_CONNECTION_REFUSED,switch=$WORK/failing:$remote
+  REMOTE_ARG=fault:upload=1:SOCK_CONNECTION_REFUSED,switch=$WORK/failing:$REMOTE_ARG
   up --upload-retries 100
   status_shows "^everything is on the remote$" 5
   head -c $((1 << 20)) /dev/urandom > "$WORK/report.bin"
@@ -124,7 +122,6 @@ case_status() {
   status_json "d['allOnRemote'] is False and d['recoveryFiles'] == ['$CACHE/recovered/second.bin']"
   same_file "$WORK/report.bin" "$CACHE/recovered/second.bin"
   down
-  REMOTE_ARG=$remote
   "$SKARVO" status "$MNT" 2>&1 | grep -q "nothing of skarvo's is mounted at $MNT" ||
     fail "status of an unmounted folder does not say so"
 }
@@ -135,8 +132,7 @@ case_unmount_waits() {
   head -c $((3 << 20)) /dev/urandom > "$WORK/a.bin"
   head -c $((8 << 20)) /dev/urandom > "$WORK/b.bin"
   touch "$WORK/slow"
-  local remote=$REMOTE_ARG
-  REMOTE_ARG=fault:rate=1m,switch=$WORK/slow:$remote
+  REMOTE_ARG=fault:rate=1m,switch=$WORK/slow:$REMOTE_ARG
   up
   cp "$WORK/a.bin" "$MNT/a.bin"
   # The kernel releases the file just after cp returns; its upload is
@@ -161,6 +157,5 @@ case_unmount_waits() {
   up
   same_file "$WORK/b.bin" "$REMOTE/b.bin"
   down
-  REMOTE_ARG=$remote
   no_leftovers
 }

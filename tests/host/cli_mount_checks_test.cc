@@ -11,19 +11,14 @@
 #include "cli/mount_checks.h"
 #include "services/disk_cache.h"
 #include "services/job_queue.h"
+#include "support/test_env.h"
 
 namespace {
 
 class MountChecksTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char dir[] = "/tmp/cli_mount_checks_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = std::filesystem::canonical(dir).string();
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-
-    std::string dir_;
+    TempDir tmp_;
+    const std::string dir_ = std::filesystem::canonical(tmp_.path()).string();
 };
 
 TEST_F(MountChecksTest, MountPointMustBeAnExistingEmptyFolder) {

@@ -17,6 +17,7 @@
 #include "cli/named_remotes.h"
 #include "cli/options.h"
 #include "cli/remote_schemes.h"
+#include "support/test_env.h"
 
 namespace {
 
@@ -201,15 +202,13 @@ TEST(CliOptionsTest, RemotesGoThroughTheSchemeTable) {
     EXPECT_EQ(missing.protocol, nullptr);
     EXPECT_NE(status.message().find("does not exist"), std::string::npos) << status.message();
 
-    char dir[] = "/tmp/cli_options_test.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    status = ParseRemote(std::string("local:") + dir, &argument);
+    TempDir dir;
+    status = ParseRemote("local:" + dir.path(), &argument);
     ASSERT_TRUE(status.ok());
     OpenedRemote opened;
     status = OpenRemote(argument, RemoteOptions(), &opened);
     ASSERT_NE(opened.protocol, nullptr) << status.message();
-    EXPECT_EQ(opened.localFolder, std::filesystem::canonical(dir).string());
-    rmdir(dir);
+    EXPECT_EQ(opened.localFolder, std::filesystem::canonical(dir.path()).string());
 }
 
 // remotes.conf: a named remote becomes its remote with its options under the
@@ -219,15 +218,11 @@ TEST(CliOptionsTest, RemotesGoThroughTheSchemeTable) {
 class CliNamedRemotesTest : public testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/skarvo-remotes-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        home_ = pattern;
         std::filesystem::create_directories(home_ + "/skarvo");
         env_ = [this](const char* name) -> const char* {
             return std::string(name) == "XDG_CONFIG_HOME" ? home_.c_str() : nullptr;
         };
     }
-    void TearDown() override { std::filesystem::remove_all(home_); }
 
     void Write(const std::string& text, mode_t mode = 0600) {
         const std::string path = home_ + "/skarvo/remotes.conf";
@@ -243,7 +238,8 @@ class CliNamedRemotesTest : public testing::Test {
         return line;
     }
 
-    std::string home_;
+    TempDir dir_;
+    const std::string home_ = dir_.path();
     EnvLookup env_;
 };
 
@@ -347,9 +343,8 @@ TEST(CliConfigurationTest, UnusableTextIsOneLineNamingTheFile) {
 }
 
 TEST(CliConfigurationTest, ReadsTheFileAndReportsWhyItCannot) {
-    char dir[] = "/tmp/cli_configuration_test.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string file = std::string(dir) + "/volume.json";
+    TempDir dir;
+    const std::string file = dir / "volume.json";
     std::ofstream(file) << R"({"fs": {"fetch": {"sync": 1000}}})";
 
     std::string json;
@@ -358,16 +353,13 @@ TEST(CliConfigurationTest, ReadsTheFileAndReportsWhyItCannot) {
     EXPECT_EQ(ParseJson(json)["fs"]["fetch"]["sync"].asInt(), 1000);
     EXPECT_EQ(ParseJson(json)["fuse"]["allow_other"], Json::Value(true));
 
-    status = BuildConfiguration(std::string(dir) + "/missing.json", false, &json);
+    status = BuildConfiguration(dir / "missing.json", false, &json);
     EXPECT_FALSE(status.ok());
     EXPECT_NE(status.message().find("cannot read config file"), std::string::npos);
     EXPECT_NE(status.message().find("No such file"), std::string::npos) << status.message();
-    status = BuildConfiguration(dir, false, &json);
+    status = BuildConfiguration(dir.path(), false, &json);
     EXPECT_FALSE(status.ok());
     EXPECT_NE(status.message().find("Is a directory"), std::string::npos) << status.message();
-
-    unlink(file.c_str());
-    rmdir(dir);
 }
 
 }  // namespace

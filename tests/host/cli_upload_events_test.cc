@@ -5,11 +5,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdarg>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,14 +19,6 @@ using std::chrono::seconds;
 
 class UploadEventsTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char dir[] = "/tmp/cli_upload_events_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        recovery_ = dir_ + "/recovered";
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-
     std::unique_ptr<UploadEvents> Make(UploadFailureAction action, int retries = 5) {
         UploadPolicy policy;
         policy.action = action;
@@ -51,8 +40,9 @@ class UploadEventsTest : public ::testing::Test {
 
     RecordingLog::Line LastLine() { return log_.Last(); }
 
-    std::string dir_;
-    std::string recovery_;
+    TempDir tmp_;
+    const std::string dir_ = tmp_.path();
+    std::string recovery_ = dir_ + "/recovered";
     RecordingLog log_;
     std::vector<long> pauses_;
 };

@@ -82,7 +82,7 @@ class ChangeRecorder : public IFileChanges {
 };
 
 // Collects downloaded data, checking that pieces come in order from
-// `expectedOffset`; can close the handle after some pieces.
+// `expectedOffset`.
 class FetchRecorder : public IFetchCallback {
   public:
     explicit FetchRecorder(long long offset = 0) : expectedOffset(offset) {}
@@ -91,15 +91,11 @@ class FetchRecorder : public IFetchCallback {
         expectedOffset = offset + size;
         data.append(bytes, size);
         *written = size;
-        if (++pieces == closeAfter) handle->state = HANDLE_STATE_CLOSED;
         return SUCCESS;
     }
     long long expectedOffset;
     bool contiguous = true;
     std::string data;
-    int pieces = 0;
-    int closeAfter = -1;
-    std::shared_ptr<_FS_HANDLE> handle;
 };
 
 inline std::string Pattern(size_t size) {

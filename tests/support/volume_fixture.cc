@@ -104,6 +104,15 @@ std::shared_ptr<_FS_HANDLE_EXT> VolumeFixture::OpenNode(const std::shared_ptr<Fi
     return handle;
 }
 
+std::set<std::string> VolumeFixture::List(const std::string& path) {
+    std::list<FS_DIR_ENTRY> entries;
+    EXPECT_EQ(fs_->ReadDir(path.c_str(), entries, "test"), 0);
+    std::set<std::string> names;
+    for (const auto& entry : entries)
+        names.insert(entry.name);
+    return names;
+}
+
 std::string VolumeFixture::ReadNode(const std::shared_ptr<File>& node, long long offset,
                                     unsigned long size, AERROR* result) {
     auto handle = OpenNode(node, 'r');

@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,8 @@ class VolumeFixture : public ::testing::Test {
     // Opens a node as the volume does and returns its handle record.
     std::shared_ptr<_FS_HANDLE_EXT> OpenNode(const std::shared_ptr<File>& node, char mode,
                                              const std::string& process = "test");
+    // The names that ReadDir gives for a folder, the marker files included.
+    std::set<std::string> List(const std::string& path);
     // Reads `size` bytes at `offset` through the node; the bytes read.
     std::string ReadNode(const std::shared_ptr<File>& node, long long offset, unsigned long size,
                          AERROR* result = nullptr);
