@@ -19,7 +19,7 @@ namespace {
 using namespace difftest;
 
 const char kUsage[] =
-    "usage: difftest --volume DIR --reference DIR [--seed N] [--ops N]\n"
+    "usage: difftest --volume DIR --reference DIR [--seed N] [--ops N] [--shrink-seconds S]\n"
     "                [--save FILE] [--avoid mmap,unlink-open]\n"
     "       difftest --volume DIR --reference DIR --replay FILE [--save FILE]\n"
     "       difftest --compare A B\n"
@@ -31,7 +31,7 @@ struct Args {
     uint64_t seed = 1;
     size_t ops = 1000;
     int stress = 0;
-    double seconds = 20;
+    double seconds = 20, shrink_seconds = 300;
     Avoid avoid;
 };
 
@@ -61,6 +61,7 @@ bool parse(int argc, char** argv, Args* a) {
         {"seconds", [&](const char* v) { a->seconds = std::stod(v); }},
         {"shared", [&](const char* v) { a->shared = v; }},
         {"save", [&](const char* v) { a->save = v; }},
+        {"shrink-seconds", [&](const char* v) { a->shrink_seconds = std::stod(v); }},
         {"avoid", [&](const char* v) { parse_avoid(v, &a->avoid); }},
         {"compare",
          [&](const char* v) {
@@ -95,23 +96,33 @@ int compare_mode(const Args& a) {
     return diffs.empty() ? 0 : 1;
 }
 
-// Prints a failure and the sequence up to the operation that differed,
-// which --replay runs again; --save keeps it in a file.
-int report(const Args& a, const Run& run, const std::string& what) {
+// Prints a failure, then the shortest failing sequence found.
+int report(const Args& a, Target& volume, Target& reference, RunDirs& dirs, const Run& run,
+           const std::string& what) {
     const Failure& f = *run.failure;
     if (f.index < run.ops.size())
         std::printf("%s: FAILED at operation %zu of %zu: %s\n", what.c_str(), f.index + 1,
                     run.ops.size(), format_op(run.ops[f.index]).c_str());
     else
         std::printf("%s: FAILED after all %zu operations\n", what.c_str(), run.ops.size());
-    std::printf("  %s\n--- sequence (difftest --replay FILE) ---\n# %s\n", f.message.c_str(),
-                what.c_str());
-    write_sequence(std::cout, run.ops);
+    std::printf("  %s\n", f.message.c_str());
+    std::printf("shrinking %zu operations...\n", run.ops.size());
+    std::fflush(stdout);
+    Shrunk shrunk = shrink(volume, reference, dirs, run, a.shrink_seconds, a.avoid);
+    if (!shrunk.run.failure) {
+        std::printf("the failure did not come back when replayed; the sequence that failed:\n");
+        shrunk.run = run;
+    } else {
+        std::printf("shrunk to %zu operations in %d attempts; it fails with:\n  %s\n",
+                    shrunk.run.ops.size(), shrunk.attempts, shrunk.run.failure->message.c_str());
+    }
+    std::printf("--- sequence (difftest --replay FILE) ---\n# %s\n", what.c_str());
+    write_sequence(std::cout, shrunk.run.ops);
     std::cout << "---" << std::endl;
     if (!a.save.empty()) {
         std::ofstream out(a.save);
-        out << "# " << what << "\n# " << f.message << "\n";
-        write_sequence(out, run.ops);
+        out << "# " << what << "\n# " << shrunk.run.failure->message << "\n";
+        write_sequence(out, shrunk.run.ops);
     }
     return 1;
 }
@@ -136,7 +147,7 @@ int run_mode(const Args& a) {
         what = "seed " + std::to_string(a.seed);
         run = run_generated(*volume, *reference, dirs.next(), a.seed, a.ops, a.avoid);
     }
-    if (run.failure) return report(a, run, what);
+    if (run.failure) return report(a, *volume, *reference, dirs, run, what);
     std::printf("%s: %zu operations, no difference\n", what.c_str(), run.ops.size());
     if (!run.tally.empty()) std::printf("ran/refused: %s\n", run.tally.c_str());
     return 0;

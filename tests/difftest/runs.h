@@ -1,4 +1,4 @@
-// Whole runs: a generated sequence, and the folders they run in.
+// Whole runs: a generated sequence, and the shrinking of a failing one.
 #pragma once
 
 #include <cstdint>
@@ -33,5 +33,17 @@ struct Run {
 // Draws `count` operations from the seed and runs them in `dir`.
 Run run_generated(Target& volume, Target& reference, const std::string& dir, uint64_t seed,
                   size_t count, Avoid avoid = {});
+
+struct Shrunk {
+    Run run;
+    int attempts = 0;
+};
+
+// Looks for a shorter sequence that still fails the same way (the same kind
+// of operation, the same kind of difference): drops chunks of halving size,
+// down to single operations, while the failure stays; gives up improving
+// after `seconds`.
+Shrunk shrink(Target& volume, Target& reference, RunDirs& dirs, const Run& failed, double seconds,
+              Avoid avoid = {});
 
 }  // namespace difftest

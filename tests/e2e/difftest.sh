@@ -9,8 +9,9 @@
 # --faults mounts fault:LIST:local:REMOTE while the tester runs (uploads are
 # retried without end); the faults are switched off before the checks, which
 # start once skarvo status says that everything is on the remote;
-# --save-dir keeps each failing sequence there. Needs root and /dev/fuse;
-# exits 77 (skipped) without them.
+# --save-dir keeps each shrunk failing sequence there; DIFFTEST_SHRINK_SECONDS
+# bounds the shrinking of each failure (default 120). Needs root and
+# /dev/fuse; exits 77 (skipped) without them.
 set -u
 
 SKARVO=$(realpath "$1")
@@ -139,7 +140,8 @@ tester() {
   local what=$1
   shift
   echo "== $what (${SYNC[*]:-async uploads})"
-  "$DIFFTEST" --volume "$MNT" --reference "$REF" "$@" || fail "$what: the tester found differences"
+  "$DIFFTEST" --volume "$MNT" --reference "$REF" --shrink-seconds "${DIFFTEST_SHRINK_SECONDS:-120}" \
+    "$@" || fail "$what: the tester found differences"
 }
 
 run_seed() {
