@@ -7,7 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -128,8 +128,10 @@ class FileContent {
     std::atomic<uint64_t> writeGeneration_{0};
     std::shared_mutex contentLock_;
     mutable std::mutex jobLock_;
-    std::deque<std::shared_ptr<_ASYNCJOB>> jobs_;  // guarded by jobLock_
-    std::shared_ptr<_ASYNCJOB> runningJob_;        // guarded by jobLock_
+    // A list, not a deque: an empty deque already holds a 512-byte block,
+    // and every node of the tree has a queue that is empty nearly always.
+    std::list<std::shared_ptr<_ASYNCJOB>> jobs_;  // guarded by jobLock_
+    std::shared_ptr<_ASYNCJOB> runningJob_;       // guarded by jobLock_
     std::condition_variable jobsDone_;
 };
 
