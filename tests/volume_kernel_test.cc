@@ -1,4 +1,4 @@
-// The volume through the kernel over the in-memory remote: mounting and
+// The volume through the kernel over a local-folder remote: mounting and
 // unmounting and the mount manager's refusals, and what happens to uploads
 // that are held, fail, or race with a rename, a delete or an unmount.
 // Everyday copies and edits are the end-to-end and differential tests' part.
@@ -19,13 +19,12 @@
 #include "libfilesystem/libfilesystem.h"
 #include "services/job_queue.h"
 #include "support/disk_test_cache.h"
-#include "support/memory_protocol.h"
 #include "support/test_env.h"
 #include "support/volume_fixture.h"
 
 namespace {
 
-using Op = MemoryProtocol::Op;
+using Op = TestRemote::Op;
 
 std::string RandomBytes(size_t size, unsigned seed) {
     std::mt19937 generator(seed);
@@ -45,7 +44,7 @@ class VolumeKernelTest : public ::testing::Test {
         FS_BindCache(&cache_);
         ASSERT_EQ(FS_Initialize("skarvo-test"), SUCCESS);
         point_ = dir_ / "mnt";
-        protocol_ = std::make_shared<MemoryProtocol>();
+        protocol_ = std::make_shared<TestRemote>();
         events_ = std::make_shared<RecordingEvents>();
     }
     void TearDown() override {
@@ -57,7 +56,7 @@ class VolumeKernelTest : public ::testing::Test {
     void Up(MOUNTTYPE type = MT_DEFAULT) {
         ASSERT_EQ(Mount(point_.c_str(), "Test", type, &fs_, nullptr, nullptr), SUCCESS);
         fs_->SetFSEvent(events_);
-        ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+        ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
         mounted_ = true;
     }
     void Down(bool force = false) {
@@ -82,10 +81,7 @@ class VolumeKernelTest : public ::testing::Test {
         return ::testing::AssertionFailure()
                << path << " holds \"" << Remote(path).substr(0, 64) << "\"";
     }
-    std::string Remote(const std::string& path) const {
-        std::string contents;
-        return protocol_->GetContents(path, &contents) ? contents : std::string("<missing>");
-    }
+    std::string Remote(const std::string& path) const { return protocol_->Contents(path); }
     int Sh(const std::string& command) { return Shell(command); }
 
     RecordingLog log_;
@@ -96,7 +92,7 @@ class VolumeKernelTest : public ::testing::Test {
     std::string point_;
     IFileSystem_V2* fs_ = nullptr;
     bool mounted_ = false;
-    std::shared_ptr<MemoryProtocol> protocol_;
+    std::shared_ptr<TestRemote> protocol_;
     std::shared_ptr<RecordingEvents> events_;
 };
 
@@ -116,8 +112,8 @@ TEST_F(VolumeKernelTest, VolumeComesUpServesOtherProcessesAndGoesDownOnEitherUnm
         CountingNotifier notifier;
         Up();
         fs_->SetNotifier(&notifier);
-        std::weak_ptr<MemoryProtocol> protocol = protocol_;
-        protocol_ = std::make_shared<MemoryProtocol>();
+        std::weak_ptr<TestRemote> protocol = protocol_;
+        protocol_ = std::make_shared<TestRemote>();
         EXPECT_TRUE(IsMounted(point_));
         EXPECT_EQ(FS_GetFileSystemImpl(point_.c_str()), fs_);
         EXPECT_EQ(RunProgram({"stat", point_}), 0);
@@ -183,11 +179,11 @@ TEST_F(VolumeKernelTest, RefusesASecondMountAndOneDuringUnmountingLeavingTheFirs
 }
 
 // A protocol that starts throwing once told to.
-class ThrowingProtocol : public MemoryProtocol {
+class ThrowingProtocol : public TestRemote {
   public:
     unsigned int GetCapabilities() override {
         if (throwing) throw std::runtime_error("protocol exploded");
-        return MemoryProtocol::GetCapabilities();
+        return TestRemote::GetCapabilities();
     }
     std::atomic<bool> throwing{false};
 };
@@ -228,7 +224,6 @@ TEST_F(VolumeKernelTest, RepeatedMountsLeakNoThreadFileDescriptorOrMount) {
 }
 
 TEST_F(VolumeKernelTest, CloseWaitsForTheUploadOnlyWhenAsynchronousUploadIsOff) {
-    protocol_->SetDelay(std::chrono::milliseconds(300));
     Up(MT_NO_ASYNC_UPLOAD);
     ASSERT_TRUE(WriteFile(At("/sync.txt"), "synchronous"));
     // FUSE releases a file after close() returns; the upload is done by then.
@@ -237,12 +232,12 @@ TEST_F(VolumeKernelTest, CloseWaitsForTheUploadOnlyWhenAsynchronousUploadIsOff) 
     Down();
 
     Up();
-    protocol_->ResetCounters();
+    protocol_->Pause(Op::UploadItem);
     ASSERT_TRUE(WriteFile(At("/async.txt"), "asynchronous"));
     // Released at once: the upload is queued for a background worker.
     EXPECT_TRUE(WaitUntil([&] { return fs_->CountUploadings() == 1; }));
+    protocol_->Resume(Op::UploadItem);
     EXPECT_TRUE(RemoteBecomes("/async.txt", "asynchronous"));
-    protocol_->SetDelay(std::chrono::milliseconds(0));
 }
 
 TEST_F(VolumeKernelTest, OfTwoWritersOnlyTheLastClosesAnUpload) {
