@@ -23,11 +23,6 @@ void TestRemote::AddFile(const std::string& path, const std::string& contents,
     if (!modifyTime.empty()) utimensat(AT_FDCWD, Path(path).c_str(), times, 0);
 }
 
-bool TestRemote::WaitForPaused(Op op, int count) {
-    std::unique_lock<std::mutex> lock(mu_);
-    return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return held_[op] >= count; });
-}
-
 AERROR TestRemote::GetChanges(IFileChanges* sink, void** cookie) {
     return Run(Op::GetChanges, cookie, [&] {
         const AERROR result = local_->GetChanges(sink, cookie);
@@ -42,10 +37,8 @@ AERROR TestRemote::GetChanges(IFileChanges* sink, void** cookie) {
 void TestRemote::ReleaseCookie(void* cookie) {
     std::unique_lock<std::mutex> lock(mu_);
     auto it = cookies_.find(cookie);
-    if (it == cookies_.end()) {
-        badReleases_ += cookie != nullptr;
-        return;
-    }
+    badReleases_ += it == cookies_.end() && cookie != nullptr;
+    if (it == cookies_.end()) return;
     const bool injected = it->second;
     cookies_.erase(it);
     lock.unlock();

@@ -11,6 +11,8 @@
 #ifndef LIBFS_TESTS_SUPPORT_TEST_REMOTE_H_
 #define LIBFS_TESTS_SUPPORT_TEST_REMOTE_H_
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
 #include <map>
@@ -38,7 +40,6 @@ class TestRemote : public IProtocol_V2 {
 
     TestRemote();
 
-    // ---- Contents ----
     std::string Path(const std::string& path) const { return dir_.path() + path; }
     // Both create missing folders; AddFile sets the modify time when given.
     void AddFolder(const std::string& path) { std::filesystem::create_directories(Path(path)); }
@@ -54,12 +55,9 @@ class TestRemote : public IProtocol_V2 {
         Locked([&] { refreshes_.push_back(key); });
     }
 
-    // ---- Switches and counters ----
-    void SetCapabilities(unsigned int caps) {  // default PARTIAL_READ
-        Locked([&] { caps_ = caps; });
-    }
+    void SetCapabilities(unsigned int caps) { caps_ = caps; }           // default PARTIAL_READ
     void SetQuota(unsigned long long total, unsigned long long used) {  // default 1 GiB, 0
-        Locked([&] { quota_ = {total, used}; });
+        quotaTotal_ = total, quotaUsed_ = used;
     }
     // The next `times` calls of `op` (all, with FailAlways) fail with `code`
     // before reaching the folder.
@@ -78,28 +76,23 @@ class TestRemote : public IProtocol_V2 {
         Locked([&] { paused_.erase(op), cv_.notify_all(); });
     }
     // Waits until `count` calls of `op` are held (false after ten seconds).
-    bool WaitForPaused(Op op, int count);
-    int Calls(Op op) {
-        return Locked([&] { return calls_[op]; });
+    bool WaitForPaused(Op op, int count) {
+        std::unique_lock<std::mutex> lock(mu_);
+        return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return held_[op] >= count; });
     }
-    void ResetCounters() {
-        Locked([&] { calls_.clear(); });
-    }
+    int Calls(Op op) { return calls_[int(op)]; }
+    void ResetCounters() { std::fill(std::begin(calls_), std::end(calls_), 0); }
     int CookiesOutstanding() {
         return Locked([&] { return int(cookies_.size()); });
     }
-    int BadCookieReleases() {
-        return Locked([&] { return badReleases_; });
-    }
+    int BadCookieReleases() { return badReleases_; }
 
-    // ---- IProtocol_V2: each runs through Run on the folder's remote ----
     AERROR GetIdentity(char* buffer, unsigned long length) override {
         return local_->GetIdentity(buffer, length);
     }
     AERROR GetQuota(unsigned long long* total, unsigned long long* used) override {
-        return Run(Op::GetQuota, nullptr, [&] {
-            return Locked([&] { return *total = quota_.first, *used = quota_.second, SUCCESS; });
-        });
+        return Run(Op::GetQuota, nullptr,
+                   [&] { return *total = quotaTotal_, *used = quotaUsed_, SUCCESS; });
     }
     AERROR GetItem(const char* key, _FS_FILE_V2* record, void** cookie) override {
         return Run(Op::GetItem, cookie, [&] { return local_->GetItem(key, record, cookie); });
@@ -153,9 +146,7 @@ class TestRemote : public IProtocol_V2 {
             return local_->SetItemTime(key, createTime, accessTime, modifyTime, cookie);
         });
     }
-    unsigned int GetCapabilities() override {
-        return Locked([&] { return caps_; });
-    }
+    unsigned int GetCapabilities() override { return caps_; }
     void ReleaseCookie(void* cookie) override;
     AERROR GetRootKey(char* buffer, unsigned long* length) override {
         return local_->GetRootKey(buffer, length);
@@ -171,14 +162,15 @@ class TestRemote : public IProtocol_V2 {
     std::shared_ptr<IProtocol_V2> local_;
     std::mutex mu_;
     std::condition_variable cv_;
-    unsigned int caps_ = PROTOCOL_CAP_PARTIAL_READ;
-    std::pair<unsigned long long, unsigned long long> quota_{1ULL << 30, 0};
+    std::atomic<unsigned int> caps_{PROTOCOL_CAP_PARTIAL_READ};
+    std::atomic<unsigned long long> quotaTotal_{1ULL << 30}, quotaUsed_{0};
     std::vector<std::string> refreshes_;
     std::map<Op, std::pair<AERROR, int>> failures_;  // code, calls left (-1: all)
     std::set<Op> paused_;
-    std::map<Op, int> held_, calls_;
+    std::map<Op, int> held_;
+    std::atomic<int> calls_[int(Op::SetItemTime) + 1] = {};
     std::map<void*, bool> cookies_;  // live ones; true: an injected failure's
-    int badReleases_ = 0;
+    std::atomic<int> badReleases_{0};
 };
 
 template <typename Body>
@@ -187,7 +179,7 @@ AERROR TestRemote::Run(Op op, void** cookie, Body body) {
     AERROR result = SUCCESS;
     {
         std::unique_lock<std::mutex> lock(mu_);
-        ++calls_[op], ++held_[op];
+        ++calls_[int(op)], ++held_[op];
         cv_.notify_all();
         cv_.wait(lock, [&] { return paused_.count(op) == 0; });
         --held_[op];
