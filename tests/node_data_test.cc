@@ -11,17 +11,10 @@ namespace {
 
 using Op = TestRemote::Op;
 
-std::string Pattern(size_t size) {
-    std::string bytes(size, '\0');
-    for (size_t i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
-    return bytes;
-}
-
 class NodeDataTest : public VolumeFixture {};
 
 TEST_F(NodeDataTest, ReadsGoThroughTheCacheOrElseStraightToTheRemote) {
-    const std::string content = Pattern(200000);
+    const std::string content = RandomBytes(200000, 1);
     protocol_->AddFile("/data.bin", content);
     protocol_->AddFile("/other.bin", content);
     ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
@@ -93,7 +86,7 @@ TEST_F(NodeDataTest, WritesMarkTheNodeAndMoveItsUploadState) {
 }
 
 TEST_F(NodeDataTest, TruncatingToZeroForgetsTheRemoteContent) {
-    protocol_->AddFile("/big.bin", Pattern(50000));
+    protocol_->AddFile("/big.bin", RandomBytes(50000, 2));
     ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     auto node = Node("/big.bin");
     auto handle = OpenNode(node, 'w');
