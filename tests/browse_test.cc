@@ -145,6 +145,7 @@ TEST_F(BrowseTest, ProtocolsOverlayAtTheRoot) {
 
 TEST_F(BrowseTest, ListingIsSynchronousFirstThenRefreshedInTheBackground) {
     protocol_->AddFile("/dir/old.txt", "old");
+    protocol_->AddFolder("/unlisted");
     ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     ASSERT_EQ(fs_->SetConfiguration(R"({"fs": {"fetch": {"async": "100"}}})"), SUCCESS);
 
@@ -154,6 +155,9 @@ TEST_F(BrowseTest, ListingIsSynchronousFirstThenRefreshedInTheBackground) {
     EXPECT_EQ(firstListings, 2);  // the root and dir, each listed once, synchronously
     EXPECT_EQ(Stat("/dir/old.txt", &st), 0);
     List("/dir");
+    // Desktop probes never list a folder.
+    EXPECT_EQ(Stat("/unlisted/.Trashes", &st), -ENOENT);
+    EXPECT_EQ(Stat("/unlisted/.localized", &st), -ENOENT);
     EXPECT_EQ(protocol_->Calls(Op::ListFolder), firstListings);
 
     HoldingQueue queue;
@@ -180,17 +184,6 @@ TEST_F(BrowseTest, AFailedListingLeavesTheTreeAndIsReportedOnce) {
     // The folder was never listed, so the next access tries again.
     EXPECT_TRUE(List("/").count("dir"));
     EXPECT_EQ(events_->Errors().size(), 1u);
-}
-
-TEST_F(BrowseTest, DesktopProbesNeverListAFolder) {
-    protocol_->AddFolder("/dir");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
-    struct stat st;
-    Stat("/dir", &st);
-    protocol_->ResetCounters();
-    EXPECT_EQ(Stat("/dir/.Trashes", &st), -ENOENT);
-    EXPECT_EQ(Stat("/dir/.localized", &st), -ENOENT);
-    EXPECT_EQ(protocol_->Calls(Op::ListFolder), 0);
 }
 
 TEST_F(BrowseTest, UntrustedNamesNeverBecomeNodes) {
@@ -242,21 +235,18 @@ TEST_F(BrowseTest, StatFsSumsQuotasAndCachesThem) {
     EXPECT_EQ(second->Calls(Op::GetQuota), 1);
 }
 
-TEST_F(BrowseTest, WhatTheVolumeCannotStoreIsRefusedAsNotPermitted) {
+// Times set through the volume reach a protocol that can keep them; what the
+// volume cannot store is refused (tools take an I/O error for damaged data).
+TEST_F(BrowseTest, TimesReachTheProtocolAndWhatCannotBeStoredIsNotPermitted) {
+    protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_SET_TIME);
     protocol_->AddFile("/f.txt", "f");
     ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
-    // Tools take an I/O error for damaged data; these are refusals.
     EXPECT_EQ(fs_->ChangeOwner("/f.txt", getuid() + 1, getgid(), "test"), -EPERM);
     EXPECT_EQ(fs_->ChangeOwner("/f.txt", getuid(), getgid(), "tar"), 0);  // nothing to change
     EXPECT_EQ(fs_->MakeNode("/fifo", S_IFIFO | 0644, 0, "test"), -EPERM);
     EXPECT_EQ(fs_->MakeDir(("/" + std::string(256, 'n')).c_str(), 0755, "test"), -ENAMETOOLONG);
     EXPECT_EQ(protocol_->Calls(Op::CreateFolder), 0);
-}
 
-TEST_F(BrowseTest, TimesSetThroughTheVolumeReachTheProtocolWhenItCan) {
-    protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_SET_TIME);
-    protocol_->AddFile("/f.txt", "f");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     const struct timespec times[2] = {{1700000000, 0}, {1700000100, 0}};
     EXPECT_EQ(fs_->UtimeNs("/f.txt", times, 0, "touch"), 0);
     EXPECT_EQ(protocol_->Calls(Op::SetItemTime), 1);

@@ -60,14 +60,12 @@ TEST_F(NamespaceTest, DeletingChangesTheTreeOnlyAfterTheRemote) {
     auto folder = Node("/docs/sub");
     EXPECT_EQ(folder->unlink(true), SUCCESS);
     EXPECT_FALSE(protocol_->Exists("/docs/sub/deep.txt"));
-}
 
-TEST_F(NamespaceTest, AFileNeverUploadedIsDeletedWithoutTheRemote) {
-    auto docs = Node("/docs");
+    // A file never uploaded goes without asking the remote.
     _FS_FILE_V2 record;
     record.name = "draft.txt";
     record.attributes = FILE_ATTRIBUTE_FILE;
-    auto draft = docs->AddChild(&record, true);
+    auto draft = Node("/docs")->AddChild(&record, true);
     protocol_->ResetCounters();
     notifier_.Clear();
     EXPECT_EQ(draft->unlink(true), SUCCESS);
