@@ -110,6 +110,7 @@ TEST_F(NamespaceTest, RenamesReplaceTargetsKeepCaseAndFailCleanly) {
     protocol_->FailNext(Op::RenameItem, SOCK_TIMEOUT);
     EXPECT_EQ(docs->RenameFile(a, std::string("c.txt"), "mv"), SOCK_TIMEOUT);
     EXPECT_EQ(a->Name(), "B.TXT");
+    ASSERT_FALSE(events_->Errors().empty());
     EXPECT_EQ(events_->Errors().back().kind, FSEVENT_RENAME_FAILED);
 }
 
@@ -144,6 +145,7 @@ TEST_F(NamespaceTest, AMoveRemovesRenamesThenAddsInThatOrder) {
     auto sub = Node("/docs/sub");
     EXPECT_EQ(sub->MoveFile(sub, other, ""), SOCK_TIMEOUT);
     EXPECT_TRUE(Node("/docs/sub"));
+    ASSERT_FALSE(events_->Errors().empty());
     EXPECT_EQ(events_->Errors().back().kind, FSEVENT_MOVE_FAILED);
     EXPECT_EQ(sub->MoveFile(sub, other, ""), SUCCESS);
     EXPECT_TRUE(Node("/other/sub/deep.txt"));
