@@ -1,7 +1,7 @@
 // Lists a folder of 10,000 entries through a mounted volume and stats every
 // entry, then does the same on a plain folder of the local disk, and prints
-// both times and their ratio. The volume serves an in-memory remote, so the
-// numbers measure the library and FUSE, not a network.
+// both times and their ratio. The volume serves a local-folder remote, so the
+// numbers measure the library, FUSE and the disk, not a network.
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,16 +11,16 @@
 #include <string>
 
 #include "libfilesystem/libfilesystem.h"
-#include "support/memory_protocol.h"
-#include "support/test_env.h"
 #include "services/job_queue.h"
+#include "support/test_env.h"
+#include "support/test_remote.h"
 
 namespace {
 
 constexpr int kEntries = 10000;
 
 class QuietLog : public ILog {
-public:
+  public:
     bool IsEnabled(LOGLEVEL level) override { return level >= LL_WARNING; }
     void LogV(LOGLEVEL level, const char* format, va_list args) override {
         if (level < LL_WARNING) return;
@@ -61,7 +61,7 @@ int main() {
     FS_Initialize("skarvo-bench");
     TempDir dir;
 
-    auto protocol = std::make_shared<MemoryProtocol>();
+    auto protocol = std::make_shared<TestRemote>();
     const std::string local = dir / "local";
     mkdir(local.c_str(), 0755);
     for (int i = 0; i < kEntries; ++i) {
@@ -73,7 +73,7 @@ int main() {
     const std::string point = dir / "mnt";
     IFileSystem_V2* fs = nullptr;
     if (Mount(point.c_str(), "Bench", MT_DEFAULT, &fs, nullptr, nullptr) != SUCCESS) return 1;
-    fs->AddProtocol(protocol, "memory");
+    fs->AddProtocol(protocol, "remote");
 
     // The first pass lists the folder from the remote; the second is served
     // from the tree and the kernel's caches, as repeated work would be.

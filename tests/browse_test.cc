@@ -8,10 +8,13 @@
 #include "foundation/time_utils.h"
 #include "fs/filesystem.h"
 #include "libfilesystem/libfilesystem.h"
+#include "remotes/local_protocol.h"
 #include "support/volume_fixture.h"
 #include "tree/file.h"
 
 namespace {
+
+using Op = TestRemote::Op;
 
 // Holds queued jobs until the test runs them.
 class HoldingQueue : public IAsyncQ {
@@ -40,7 +43,7 @@ class HoldingQueue : public IAsyncQ {
 };
 
 // A protocol whose listings also carry records a server should never send.
-class UntrustedNamesProtocol : public MemoryProtocol {
+class UntrustedNamesProtocol : public TestRemote {
   public:
     AERROR ListFolder(const char* key, IFileList* sink, void** cookie) override {
         for (const std::string& name : {std::string(), std::string("."), std::string(".."),
@@ -51,7 +54,7 @@ class UntrustedNamesProtocol : public MemoryProtocol {
             record.name = name;
             sink->AddFile(&record);
         }
-        return MemoryProtocol::ListFolder(key, sink, cookie);
+        return TestRemote::ListFolder(key, sink, cookie);
     }
 };
 
@@ -64,7 +67,7 @@ class BrowseTest : public VolumeFixture {
 TEST_F(BrowseTest, AttributesFollowTheRecords) {
     protocol_->AddFile("/docs/report.txt", std::string(1234, 'x'), "2024-03-04T05:06:07.000Z");
     protocol_->AddFolder("/empty");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
 
     struct stat file, folder, empty, root;
     ASSERT_EQ(Stat("/docs/report.txt", &file), 0);
@@ -101,7 +104,7 @@ TEST_F(BrowseTest, PathsAreCanonicalisedAndCaseFolded) {
     EXPECT_EQ(FileSystem::GetObjectName("", "\\/"), "");
 
     protocol_->AddFolder("/Alpha/Beta");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     auto root = Node("/");
     for (const char* path : {"/", "//", ".", ""})
         EXPECT_EQ(Node(path), root) << path;
@@ -122,13 +125,14 @@ TEST_F(BrowseTest, PathsAreCanonicalisedAndCaseFolded) {
 }
 
 TEST_F(BrowseTest, ProtocolsOverlayAtTheRoot) {
-    auto second = std::make_shared<MemoryProtocol>("memory://second");
+    auto second = std::make_shared<TestRemote>();
     protocol_->AddFile("/first.txt", "1");
     second->AddFile("/second.txt", "2");
     ASSERT_EQ(fs_->AddProtocol(protocol_, "first"), SUCCESS);
     ASSERT_EQ(fs_->AddProtocol(second, "second"), SUCCESS);
-    EXPECT_EQ(fs_->AddProtocol(std::make_shared<MemoryProtocol>("memory://second"), "again"),
-              FS_ALREADY_AUTHORIZED);
+    std::shared_ptr<LocalProtocol> again;  // the second's folder once more
+    ASSERT_TRUE(LocalProtocol::Create(second->Path(""), &again).ok());
+    EXPECT_EQ(fs_->AddProtocol(again, "again"), FS_ALREADY_AUTHORIZED);
 
     struct stat st;
     EXPECT_EQ(Stat("/second.txt", &st), 0);  // the first tree's miss never hides it
@@ -141,16 +145,20 @@ TEST_F(BrowseTest, ProtocolsOverlayAtTheRoot) {
 
 TEST_F(BrowseTest, ListingIsSynchronousFirstThenRefreshedInTheBackground) {
     protocol_->AddFile("/dir/old.txt", "old");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    protocol_->AddFolder("/unlisted");
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     ASSERT_EQ(fs_->SetConfiguration(R"({"fs": {"fetch": {"async": "100"}}})"), SUCCESS);
 
     struct stat st;
     ASSERT_EQ(Stat("/dir/old.txt", &st), 0);
-    const int firstListings = protocol_->Calls(MemoryProtocol::Op::ListFolder);
+    const int firstListings = protocol_->Calls(Op::ListFolder);
     EXPECT_EQ(firstListings, 2);  // the root and dir, each listed once, synchronously
     EXPECT_EQ(Stat("/dir/old.txt", &st), 0);
     List("/dir");
-    EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::ListFolder), firstListings);
+    // Desktop probes never list a folder.
+    EXPECT_EQ(Stat("/unlisted/.Trashes", &st), -ENOENT);
+    EXPECT_EQ(Stat("/unlisted/.localized", &st), -ENOENT);
+    EXPECT_EQ(protocol_->Calls(Op::ListFolder), firstListings);
 
     HoldingQueue queue;
     FS_BindAsyncQ(&queue);
@@ -166,8 +174,8 @@ TEST_F(BrowseTest, ListingIsSynchronousFirstThenRefreshedInTheBackground) {
 
 TEST_F(BrowseTest, AFailedListingLeavesTheTreeAndIsReportedOnce) {
     protocol_->AddFile("/dir/a.txt", "a");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-    protocol_->FailNext(MemoryProtocol::Op::ListFolder, SOCK_TIMEOUT);
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
+    protocol_->FailNext(Op::ListFolder, SOCK_TIMEOUT);
     EXPECT_EQ(List("/"), markers_);
     ASSERT_EQ(events_->Errors().size(), 1u);
     EXPECT_EQ(events_->Errors()[0].kind, FSEVENT_LIST_FAILED);
@@ -178,23 +186,12 @@ TEST_F(BrowseTest, AFailedListingLeavesTheTreeAndIsReportedOnce) {
     EXPECT_EQ(events_->Errors().size(), 1u);
 }
 
-TEST_F(BrowseTest, DesktopProbesNeverListAFolder) {
-    protocol_->AddFolder("/dir");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-    struct stat st;
-    Stat("/dir", &st);
-    protocol_->ResetCounters();
-    EXPECT_EQ(Stat("/dir/.Trashes", &st), -ENOENT);
-    EXPECT_EQ(Stat("/dir/.localized", &st), -ENOENT);
-    EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::ListFolder), 0);
-}
-
 TEST_F(BrowseTest, UntrustedNamesNeverBecomeNodes) {
     auto protocol = std::make_shared<UntrustedNamesProtocol>();
     protocol->AddFile("/good.txt", "g");
     // No path can reach a name with a backslash: it is left out, said once.
     protocol->AddFile("/a\\b.txt", "unreachable");
-    ASSERT_EQ(fs_->AddProtocol(protocol, "memory"), SUCCESS);
+    ASSERT_EQ(fs_->AddProtocol(protocol, "remote"), SUCCESS);
     auto expected = markers_;
     expected.insert("good.txt");
     EXPECT_EQ(List("/"), expected);
@@ -206,13 +203,13 @@ TEST_F(BrowseTest, UntrustedNamesNeverBecomeNodes) {
 
 TEST_F(BrowseTest, AMissPollsAProtocolThatReportsChangesAtMostOncePerInterval) {
     protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_REPORTS_CHANGES);
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     ASSERT_EQ(fs_->SetConfiguration(R"({"fs": {"changes": "60000"}})"), SUCCESS);
     struct stat st;
     EXPECT_EQ(Stat("/nothing", &st), -ENOENT);
     EXPECT_EQ(Stat("/nothing", &st), -ENOENT);
     EXPECT_EQ(Stat("/nothing/deeper", &st), -ENOENT);
-    EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::GetChanges), 1);
+    EXPECT_EQ(protocol_->Calls(Op::GetChanges), 1);
 }
 
 TEST_F(BrowseTest, StatFsSumsQuotasAndCachesThem) {
@@ -221,7 +218,7 @@ TEST_F(BrowseTest, StatFsSumsQuotasAndCachesThem) {
     EXPECT_EQ(sv.f_blocks, 0u);
     EXPECT_EQ(sv.f_files, 1048576u);
 
-    auto second = std::make_shared<MemoryProtocol>("memory://second");
+    auto second = std::make_shared<TestRemote>();
     protocol_->SetQuota(65536ULL * 100, 65536ULL * 40);
     second->SetQuota(65536ULL * 50, 65536ULL * 10);
     fs_->AddProtocol(protocol_, "first");
@@ -234,35 +231,32 @@ TEST_F(BrowseTest, StatFsSumsQuotasAndCachesThem) {
     EXPECT_EQ(sv.f_bfree, 100u);
     EXPECT_EQ(sv.f_bavail, 100u);
     EXPECT_EQ(fs_->StatFs("/", &sv, "test"), 0);
-    EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::GetQuota), 1);
-    EXPECT_EQ(second->Calls(MemoryProtocol::Op::GetQuota), 1);
+    EXPECT_EQ(protocol_->Calls(Op::GetQuota), 1);
+    EXPECT_EQ(second->Calls(Op::GetQuota), 1);
 }
 
-TEST_F(BrowseTest, WhatTheVolumeCannotStoreIsRefusedAsNotPermitted) {
+// Times set through the volume reach a protocol that can keep them; what the
+// volume cannot store is refused (tools take an I/O error for damaged data).
+TEST_F(BrowseTest, TimesReachTheProtocolAndWhatCannotBeStoredIsNotPermitted) {
+    protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_SET_TIME);
     protocol_->AddFile("/f.txt", "f");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-    // Tools take an I/O error for damaged data; these are refusals.
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     EXPECT_EQ(fs_->ChangeOwner("/f.txt", getuid() + 1, getgid(), "test"), -EPERM);
     EXPECT_EQ(fs_->ChangeOwner("/f.txt", getuid(), getgid(), "tar"), 0);  // nothing to change
     EXPECT_EQ(fs_->MakeNode("/fifo", S_IFIFO | 0644, 0, "test"), -EPERM);
     EXPECT_EQ(fs_->MakeDir(("/" + std::string(256, 'n')).c_str(), 0755, "test"), -ENAMETOOLONG);
-    EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::CreateFolder), 0);
-}
+    EXPECT_EQ(protocol_->Calls(Op::CreateFolder), 0);
 
-TEST_F(BrowseTest, TimesSetThroughTheVolumeReachTheProtocolWhenItCan) {
-    protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_SET_TIME);
-    protocol_->AddFile("/f.txt", "f");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
     const struct timespec times[2] = {{1700000000, 0}, {1700000100, 0}};
     EXPECT_EQ(fs_->UtimeNs("/f.txt", times, 0, "touch"), 0);
-    EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::SetItemTime), 1);
+    EXPECT_EQ(protocol_->Calls(Op::SetItemTime), 1);
     struct stat st;
     ASSERT_EQ(Stat("/f.txt", &st), 0);
     EXPECT_EQ(st.st_mtime, 1700000100);
     EXPECT_EQ(st.st_atime, 1700000000);
     // An unknown handle, or one open for reading, changes nothing.
     EXPECT_EQ(fs_->UtimeNs("/f.txt", times, 42, "touch"), 0);
-    EXPECT_EQ(protocol_->Calls(MemoryProtocol::Op::SetItemTime), 1);
+    EXPECT_EQ(protocol_->Calls(Op::SetItemTime), 1);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 
 #include "data/cache_io.h"
 #include "export/export_service.h"
+#include "support/test_env.h"
 
 namespace {
 
@@ -75,15 +76,7 @@ class MemoryTarget : public ICacheObj {
     AERROR failWith = SUCCESS;
 };
 
-std::vector<char> RandomBytes(size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    std::vector<char> bytes(size);
-    for (char& c : bytes)
-        c = static_cast<char>(random());
-    return bytes;
-}
-
-AERROR WriteAt(ICacheIO& io, const std::vector<char>& bytes, size_t offset, size_t size) {
+AERROR WriteAt(ICacheIO& io, const std::string& bytes, size_t offset, size_t size) {
     _WRITEDATA w;
     w.buffer = bytes.data() + offset;
     w.offset = static_cast<int64_t>(offset);
@@ -134,10 +127,6 @@ void LetItBlock() {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
 }
 
-std::string Str(const std::vector<char>& bytes, size_t offset, size_t size) {
-    return std::string(bytes.data() + offset, size);
-}
-
 TEST(PreventTimeoutCacheIOTest, ForwardsAndResetsTheTimeoutOnlyOnceTheIntervalHasPassed) {
     auto target = std::make_shared<MemoryTarget>();
     const auto bytes = RandomBytes(100, 1);
@@ -146,7 +135,7 @@ TEST(PreventTimeoutCacheIOTest, ForwardsAndResetsTheTimeoutOnlyOnceTheIntervalHa
     PreventTimeoutCacheIO io(target, &quick, &slow);
     EXPECT_EQ(WriteAt(io, bytes, 0, 100), SUCCESS);
     for (int i = 0; i < 1000; ++i)
-        ASSERT_EQ(ReadAt(io, 10, 20).bytes, Str(bytes, 10, 20));
+        ASSERT_EQ(ReadAt(io, 10, 20).bytes, bytes.substr(10, 20));
     EXPECT_EQ(quick.resets, 0) << "transfers far quicker than the interval";
     target->failWith = FILE_NOT_FOUND;
     EXPECT_EQ(ReadAt(io, 0, 10).code, FILE_NOT_FOUND);
@@ -176,11 +165,11 @@ TEST(EvCacheTest, DeliversBytesInOrderUpToTheTotalAndEndsWithTheHandle) {
     EvCache pipe(handle, 100);
     ASSERT_EQ(WriteAt(pipe, bytes, 0, 60), SUCCESS);
     ASSERT_EQ(WriteAt(pipe, bytes, 60, 90), SUCCESS);
-    EXPECT_EQ(ReadAt(pipe, 0, 50).bytes, Str(bytes, 0, 50));
+    EXPECT_EQ(ReadAt(pipe, 0, 50).bytes, bytes.substr(0, 50));
     EXPECT_EQ(ReadAt(pipe, 100, 10).code, FILE_READ_FAILED);  // no seeking
     EXPECT_EQ(ReadAt(pipe, 0, 10).code, FILE_READ_FAILED);
     // The rest up to the total, though more was written; then the end.
-    EXPECT_EQ(ReadAt(pipe, 50, 1000).bytes, Str(bytes, 50, 50));
+    EXPECT_EQ(ReadAt(pipe, 50, 1000).bytes, bytes.substr(50, 50));
     const ReadResult end = ReadAt(pipe, 100, 10);
     EXPECT_EQ(end.code, SUCCESS);
     EXPECT_EQ(end.bytes, "");
@@ -202,9 +191,9 @@ TEST(FileCacheTest, ReadsAnywhereBelowWhatWasFilledAndTargetFailuresBecomePipeFa
     ASSERT_EQ(WriteAt(cache, bytes, 0, 4096), SUCCESS);
     const ReadResult cut = ReadAt(cache, 1024, 8192);
     EXPECT_EQ(cut.size, 3072u);
-    EXPECT_EQ(cut.bytes, Str(bytes, 1024, 3072));
+    EXPECT_EQ(cut.bytes, bytes.substr(1024, 3072));
     EXPECT_EQ(handle->fetchMark, 4096);
-    EXPECT_EQ(ReadAt(cache, 0, 16).bytes, Str(bytes, 0, 16));  // backwards is fine
+    EXPECT_EQ(ReadAt(cache, 0, 16).bytes, bytes.substr(0, 16));  // backwards is fine
     target->failWith = FILE_NOT_FOUND;
     EXPECT_EQ(ReadAt(cache, 0, 10).code, FILE_READ_FAILED);
     EXPECT_EQ(WriteAt(cache, bytes, 4096, 4096), FILE_WRITE_FAILED);
@@ -213,8 +202,8 @@ TEST(FileCacheTest, ReadsAnywhereBelowWhatWasFilledAndTargetFailuresBecomePipeFa
     auto blocked = ReadAsync(cache, 4096, 10);
     LetItBlock();
     ASSERT_EQ(WriteAt(cache, bytes, 4096, 4096), SUCCESS);
-    EXPECT_EQ(Await(blocked, "a read of data written later").bytes, Str(bytes, 4096, 10));
-    EXPECT_EQ(ReadAt(cache, 8000, 500).bytes, Str(bytes, 8000, 192));
+    EXPECT_EQ(Await(blocked, "a read of data written later").bytes, bytes.substr(4096, 10));
+    EXPECT_EQ(ReadAt(cache, 8000, 500).bytes, bytes.substr(8000, 192));
     EXPECT_EQ(ReadAt(cache, 8192, 10).bytes, "");
     auto otherHandle = std::make_shared<_FS_HANDLE>();
     FileCache waiting(otherHandle, 100, target);
@@ -230,7 +219,7 @@ TEST(FileCacheTest, ReadsAnywhereBelowWhatWasFilledAndTargetFailuresBecomePipeFa
 
 // The producer keeps at most about 1 MiB ahead of the handle's fetch mark, as
 // a fetcher that tops the pipe up would; the consumer reads in random sizes.
-void StreamThrough(ICacheIO& pipe, _FS_HANDLE& handle, const std::vector<char>& bytes) {
+void StreamThrough(ICacheIO& pipe, _FS_HANDLE& handle, const std::string& bytes) {
     std::thread producer([&] {
         std::mt19937 random(9);
         for (size_t at = 0; at < bytes.size() && !handle.IsClosing();) {
@@ -257,7 +246,7 @@ void StreamThrough(ICacheIO& pipe, _FS_HANDLE& handle, const std::vector<char>& 
     const std::string received = Await(consumer, "the stream");
     handle.state = HANDLE_STATE_CLOSED;  // frees a producer left waiting
     producer.join();
-    EXPECT_TRUE(received == std::string(bytes.begin(), bytes.end()));
+    EXPECT_TRUE(received == bytes);
     ASSERT_FALSE(marks.empty());
     EXPECT_TRUE(std::is_sorted(marks.begin(), marks.end()));
     EXPECT_GT(marks.back(), 1 << 20);

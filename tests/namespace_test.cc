@@ -1,12 +1,13 @@
 // Namespace changes on nodes and remote changes reported by a protocol.
+#include <algorithm>
+#include <filesystem>
 #include <set>
-#include <thread>
 
 #include "support/volume_fixture.h"
 
 namespace {
 
-using Op = MemoryProtocol::Op;
+using Op = TestRemote::Op;
 
 class NamespaceTest : public VolumeFixture {
   protected:
@@ -15,7 +16,7 @@ class NamespaceTest : public VolumeFixture {
         protocol_->AddFile("/docs/a.txt", "aaa");
         protocol_->AddFile("/docs/sub/deep.txt", "deep");
         protocol_->AddFolder("/other");
-        ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+        ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     }
 };
 
@@ -23,7 +24,7 @@ TEST_F(NamespaceTest, CreatingAFolderAsksTheRemoteFirst) {
     auto docs = Node("/docs");
     notifier_.Clear();
     ASSERT_EQ(docs->CreateDirectory("New"), SUCCESS);
-    EXPECT_NE(protocol_->AddFolder("/docs/New"), "");  // "" when not a folder
+    EXPECT_TRUE(std::filesystem::is_directory(protocol_->Path("/docs/New")));
     EXPECT_TRUE(List("/docs").count("New"));
     EXPECT_EQ(notifier_.Events(), (std::vector<std::string>{"NE_MKDIR docs\\New"}));
 
@@ -59,14 +60,12 @@ TEST_F(NamespaceTest, DeletingChangesTheTreeOnlyAfterTheRemote) {
     auto folder = Node("/docs/sub");
     EXPECT_EQ(folder->unlink(true), SUCCESS);
     EXPECT_FALSE(protocol_->Exists("/docs/sub/deep.txt"));
-}
 
-TEST_F(NamespaceTest, AFileNeverUploadedIsDeletedWithoutTheRemote) {
-    auto docs = Node("/docs");
+    // A file never uploaded goes without asking the remote.
     _FS_FILE_V2 record;
     record.name = "draft.txt";
     record.attributes = FILE_ATTRIBUTE_FILE;
-    auto draft = docs->AddChild(&record, true);
+    auto draft = Node("/docs")->AddChild(&record, true);
     protocol_->ResetCounters();
     notifier_.Clear();
     EXPECT_EQ(draft->unlink(true), SUCCESS);
@@ -98,9 +97,7 @@ TEST_F(NamespaceTest, RenamesReplaceTargetsKeepCaseAndFailCleanly) {
     ASSERT_TRUE(Node("/docs/b.txt"));
     // Save by rename: the new content replaces the old file.
     ASSERT_EQ(docs->RenameFile(a, std::string("b.txt"), "vim"), SUCCESS);
-    std::string content;
-    ASSERT_TRUE(protocol_->GetContents("/docs/b.txt", &content));
-    EXPECT_EQ(content, "aaa");
+    EXPECT_EQ(protocol_->Contents("/docs/b.txt"), "aaa");
     EXPECT_FALSE(protocol_->Exists("/docs/a.txt"));
     EXPECT_EQ(Node("/docs/b.txt"), a);
 
@@ -113,6 +110,7 @@ TEST_F(NamespaceTest, RenamesReplaceTargetsKeepCaseAndFailCleanly) {
     protocol_->FailNext(Op::RenameItem, SOCK_TIMEOUT);
     EXPECT_EQ(docs->RenameFile(a, std::string("c.txt"), "mv"), SOCK_TIMEOUT);
     EXPECT_EQ(a->Name(), "B.TXT");
+    ASSERT_FALSE(events_->Errors().empty());
     EXPECT_EQ(events_->Errors().back().kind, FSEVENT_RENAME_FAILED);
 }
 
@@ -147,6 +145,7 @@ TEST_F(NamespaceTest, AMoveRemovesRenamesThenAddsInThatOrder) {
     auto sub = Node("/docs/sub");
     EXPECT_EQ(sub->MoveFile(sub, other, ""), SOCK_TIMEOUT);
     EXPECT_TRUE(Node("/docs/sub"));
+    ASSERT_FALSE(events_->Errors().empty());
     EXPECT_EQ(events_->Errors().back().kind, FSEVENT_MOVE_FAILED);
     EXPECT_EQ(sub->MoveFile(sub, other, ""), SUCCESS);
     EXPECT_TRUE(Node("/other/sub/deep.txt"));
@@ -159,45 +158,43 @@ class RemoteChangesTest : public NamespaceTest {
         protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_REPORTS_CHANGES);
         protocol_->AddFile("/docs/a.txt", "version one");
         protocol_->AddFolder("/unlisted/inner");
-        ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
-        // Polls happen at every miss.
+        ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
         ASSERT_EQ(fs_->SetConfiguration(R"({"fs": {"changes": "0"}})"), SUCCESS);
         ASSERT_TRUE(Node("/docs/a.txt"));
+        // The seeding is reported too; once a later change has come, it has.
+        protocol_->AddFile("/seeded", "");
+        ASSERT_TRUE(PollUntil([&] { return Node("/seeded") != nullptr; }));
     }
-    void Poll() {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        Node("/no-such-name");
+    // Polls (every miss does) until `condition` holds: the remote reports a
+    // change a moment after it was made.
+    bool PollUntil(const std::function<bool()>& condition) {
+        return WaitUntil([&] { return !Node("/no-such-name") && condition(); });
     }
 };
 
 TEST_F(RemoteChangesTest, AddedRemovedAndRefreshReachListedFolders) {
-    protocol_->RemoteAdd("/docs/new.txt", "n");
-    protocol_->RemoteAdd("/unlisted/inner/ignored.txt", "i");
-    Poll();
-    EXPECT_TRUE(List("/docs").count("new.txt"));
-    protocol_->RemoteRemove("/docs/new.txt");
-    protocol_->RemoteRemove("/docs/never-there.txt");
+    protocol_->AddFile("/unlisted/inner/ignored.txt", "i");
+    protocol_->AddFile("/docs/new.txt", "n");
+    EXPECT_TRUE(PollUntil([&] { return List("/docs").count("new.txt") == 1; }));
     notifier_.Clear();
-    Poll();
-    EXPECT_FALSE(List("/docs").count("new.txt"));
-    EXPECT_EQ(notifier_.Events(), (std::vector<std::string>{"NE_DELETE docs\\new.txt"}));
+    protocol_->Remove("/docs/new.txt");
+    EXPECT_TRUE(PollUntil([&] { return List("/docs").count("new.txt") == 0; }));
+    const auto events = notifier_.Events();
+    EXPECT_EQ(std::count(events.begin(), events.end(), "NE_DELETE docs\\new.txt"), 1);
 
     // A refresh lists the folder now, however fresh its listing.
-    protocol_->AddFile("/docs/quiet.txt", "q");
     protocol_->QueueRefresh("/docs");
-    protocol_->QueueRefresh("/unlisted/inner");  // never listed: nothing to refresh
+    protocol_->QueueRefresh("/no-such-folder");  // not in the tree: nothing to refresh
     protocol_->ResetCounters();
-    Poll();
+    EXPECT_TRUE(PollUntil([&] { return protocol_->Calls(Op::ListFolder) > 0; }));
     EXPECT_EQ(protocol_->Calls(Op::ListFolder), 1);
-    EXPECT_TRUE(List("/docs").count("quiet.txt"));
 }
 
 TEST_F(RemoteChangesTest, AChangedFileIsReadAfresh) {
     auto a = Node("/docs/a.txt");
     EXPECT_EQ(ReadNode(a, 0, 100), "version one");
-    protocol_->RemoteChange("/docs/a.txt", "version two, longer");
-    Poll();
-    EXPECT_EQ(a->Info()->size, 19);
+    protocol_->AddFile("/docs/a.txt", "version two, longer");
+    EXPECT_TRUE(PollUntil([&] { return a->Info()->size == 19; }));
     EXPECT_EQ(ReadNode(a, 0, 100), "version two, longer");
 }
 
@@ -206,8 +203,9 @@ TEST_F(RemoteChangesTest, LocalWritesWinOverARemoteChange) {
     auto handle = OpenNode(a, 'w', "editor");
     unsigned long written = 0;
     ASSERT_EQ(a->WriteFile(handle.get(), "LOCAL", 5, &written, 0, nullptr), SUCCESS);
-    protocol_->RemoteChange("/docs/a.txt", "remote edit!");
-    Poll();
+    protocol_->AddFile("/docs/a.txt", "remote edit!");
+    protocol_->AddFile("/docs/later.txt", "reported after the edit");
+    EXPECT_TRUE(PollUntil([&] { return List("/docs").count("later.txt") == 1; }));
     EXPECT_EQ(a->Info()->size, 11);  // still the local size
     a->Handles().CloseHandle(handle.get());
     // The written block stays; only clean data was dropped.

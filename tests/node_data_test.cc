@@ -9,23 +9,15 @@
 
 namespace {
 
-using Op = MemoryProtocol::Op;
-
-std::string Pattern(size_t size) {
-    std::string bytes(size, '\0');
-    for (size_t i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
-    return bytes;
-}
+using Op = TestRemote::Op;
 
 class NodeDataTest : public VolumeFixture {};
 
 TEST_F(NodeDataTest, ReadsGoThroughTheCacheOrElseStraightToTheRemote) {
-    const std::string content = Pattern(200000);
+    const std::string content = RandomBytes(200000, 1);
     protocol_->AddFile("/data.bin", content);
     protocol_->AddFile("/other.bin", content);
-    protocol_->SetPieceSize(10000);  // a direct download comes in pieces
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     auto node = Node("/data.bin");
     ASSERT_TRUE(node);
     EXPECT_EQ(ReadNode(node, 10000, 5000), content.substr(10000, 5000));
@@ -52,7 +44,7 @@ TEST_F(NodeDataTest, ReadsGoThroughTheCacheOrElseStraightToTheRemote) {
 
 TEST_F(NodeDataTest, AnOfflineOnlyFileNeverDownloads) {
     protocol_->AddFolder("/dir");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     auto dir = Node("/dir");
     _FS_FILE_V2 record;
     record.name = ".DS_Store";
@@ -70,7 +62,7 @@ TEST_F(NodeDataTest, AnOfflineOnlyFileNeverDownloads) {
 
 TEST_F(NodeDataTest, WritesMarkTheNodeAndMoveItsUploadState) {
     protocol_->AddFile("/doc.txt", "hello world");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     auto node = Node("/doc.txt");
 
     auto finder = OpenNode(node, 'w', "finder");
@@ -94,8 +86,8 @@ TEST_F(NodeDataTest, WritesMarkTheNodeAndMoveItsUploadState) {
 }
 
 TEST_F(NodeDataTest, TruncatingToZeroForgetsTheRemoteContent) {
-    protocol_->AddFile("/big.bin", Pattern(50000));
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    protocol_->AddFile("/big.bin", RandomBytes(50000, 2));
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     auto node = Node("/big.bin");
     auto handle = OpenNode(node, 'w');
     ASSERT_EQ(node->ftruncate("/big.bin", 0), SUCCESS);
@@ -115,7 +107,7 @@ TEST_F(NodeDataTest, TruncatingToZeroForgetsTheRemoteContent) {
 }
 
 // A remote that keeps archive marks, or answers that it keeps none.
-class ArchivingProtocol : public MemoryProtocol {
+class ArchivingProtocol : public TestRemote {
   public:
     AERROR SetArchive(const char* key, bool archived, void**) override {
         marks.push_back(std::string(key) + (archived ? " set" : " cleared"));
@@ -141,7 +133,7 @@ TEST_F(NodeDataTest, AStoredUploadGetsTheNodeTimeInTheServerZoneAndItsArchiveMar
     protocol_->SetCapabilities(PROTOCOL_CAP_PARTIAL_READ | PROTOCOL_CAP_SET_TIME |
                                PROTOCOL_CAP_SERVER_TIME_OFFSET);
     protocol_->AddFolder("/dir");
-    ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+    ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
     auto dir = Node("/dir");
     auto remoteTime = [&](const std::shared_ptr<File>& node) {
         _FS_FILE_V2 stored;

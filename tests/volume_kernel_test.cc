@@ -1,4 +1,4 @@
-// The volume through the kernel over the in-memory remote: mounting and
+// The volume through the kernel over a local-folder remote: mounting and
 // unmounting and the mount manager's refusals, and what happens to uploads
 // that are held, fail, or race with a rename, a delete or an unmount.
 // Everyday copies and edits are the end-to-end and differential tests' part.
@@ -9,9 +9,9 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
-#include <random>
 #include <system_error>
 #include <thread>
 
@@ -19,21 +19,12 @@
 #include "libfilesystem/libfilesystem.h"
 #include "services/job_queue.h"
 #include "support/disk_test_cache.h"
-#include "support/memory_protocol.h"
 #include "support/test_env.h"
 #include "support/volume_fixture.h"
 
 namespace {
 
-using Op = MemoryProtocol::Op;
-
-std::string RandomBytes(size_t size, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(size, '\0');
-    for (auto& byte : bytes)
-        byte = static_cast<char>(generator());
-    return bytes;
-}
+using Op = TestRemote::Op;
 
 class VolumeKernelTest : public ::testing::Test {
   protected:
@@ -45,7 +36,7 @@ class VolumeKernelTest : public ::testing::Test {
         FS_BindCache(&cache_);
         ASSERT_EQ(FS_Initialize("skarvo-test"), SUCCESS);
         point_ = dir_ / "mnt";
-        protocol_ = std::make_shared<MemoryProtocol>();
+        protocol_ = std::make_shared<TestRemote>();
         events_ = std::make_shared<RecordingEvents>();
     }
     void TearDown() override {
@@ -57,7 +48,7 @@ class VolumeKernelTest : public ::testing::Test {
     void Up(MOUNTTYPE type = MT_DEFAULT) {
         ASSERT_EQ(Mount(point_.c_str(), "Test", type, &fs_, nullptr, nullptr), SUCCESS);
         fs_->SetFSEvent(events_);
-        ASSERT_EQ(fs_->AddProtocol(protocol_, "memory"), SUCCESS);
+        ASSERT_EQ(fs_->AddProtocol(protocol_, "remote"), SUCCESS);
         mounted_ = true;
     }
     void Down(bool force = false) {
@@ -76,17 +67,13 @@ class VolumeKernelTest : public ::testing::Test {
     // Waits until the remote holds `expected` at `path`: the kernel releases
     // a file after close() returns, so its upload starts a moment later.
     ::testing::AssertionResult RemoteBecomes(const std::string& path, const std::string& expected) {
-        if (WaitUntil([&] { return Remote(path) == expected; }, std::chrono::seconds(60))) {
+        if (WaitUntil([&] { return protocol_->Contents(path) == expected; },
+                      std::chrono::seconds(60))) {
             return ::testing::AssertionSuccess();
         }
         return ::testing::AssertionFailure()
-               << path << " holds \"" << Remote(path).substr(0, 64) << "\"";
+               << path << " holds \"" << protocol_->Contents(path).substr(0, 64) << "\"";
     }
-    std::string Remote(const std::string& path) const {
-        std::string contents;
-        return protocol_->GetContents(path, &contents) ? contents : std::string("<missing>");
-    }
-    int Sh(const std::string& command) { return Shell(command); }
 
     RecordingLog log_;
     // The host's queue; idle threads retire soon, so thread counts settle.
@@ -96,28 +83,17 @@ class VolumeKernelTest : public ::testing::Test {
     std::string point_;
     IFileSystem_V2* fs_ = nullptr;
     bool mounted_ = false;
-    std::shared_ptr<MemoryProtocol> protocol_;
+    std::shared_ptr<TestRemote> protocol_;
     std::shared_ptr<RecordingEvents> events_;
-};
-
-// Counts the drive-removed notifications a file system sends when it is
-// finalised.
-class CountingNotifier : public INotifier {
-  public:
-    int ChangeNotify(NOTIFYEVENT event, unsigned int, const void*, const void*) override {
-        if (event == NE_DRIVE_REMOVE) ++driveRemoved;
-        return 0;
-    }
-    std::atomic<int> driveRemoved{0};
 };
 
 TEST_F(VolumeKernelTest, VolumeComesUpServesOtherProcessesAndGoesDownOnEitherUnmount) {
     for (const bool fromOutside : {false, true}) {
-        CountingNotifier notifier;
+        RecordingNotifier notifier;
         Up();
         fs_->SetNotifier(&notifier);
-        std::weak_ptr<MemoryProtocol> protocol = protocol_;
-        protocol_ = std::make_shared<MemoryProtocol>();
+        std::weak_ptr<TestRemote> protocol = protocol_;
+        protocol_ = std::make_shared<TestRemote>();
         EXPECT_TRUE(IsMounted(point_));
         EXPECT_EQ(FS_GetFileSystemImpl(point_.c_str()), fs_);
         EXPECT_EQ(RunProgram({"stat", point_}), 0);
@@ -129,8 +105,9 @@ TEST_F(VolumeKernelTest, VolumeComesUpServesOtherProcessesAndGoesDownOnEitherUnm
         }
         ASSERT_TRUE(Gone());
         EXPECT_FALSE(IsMounted(point_));
-        EXPECT_EQ(notifier.driveRemoved.load(), 1);  // Finalize ran once
-        EXPECT_TRUE(protocol.expired());             // Destroy dropped the protocols
+        const auto events = notifier.Events();  // Finalize ran once
+        EXPECT_EQ(std::count(events.begin(), events.end(), "NE_DRIVE_REMOVE"), 1);
+        EXPECT_TRUE(protocol.expired());  // Destroy dropped the protocols
         EXPECT_TRUE(WaitUntil([&] { return log_.Has(point_ + " unmounted"); }));
         // The mount point is removed.
         EXPECT_TRUE(WaitUntil([&] { return access(point_.c_str(), F_OK) != 0; }));
@@ -183,11 +160,11 @@ TEST_F(VolumeKernelTest, RefusesASecondMountAndOneDuringUnmountingLeavingTheFirs
 }
 
 // A protocol that starts throwing once told to.
-class ThrowingProtocol : public MemoryProtocol {
+class ThrowingProtocol : public TestRemote {
   public:
     unsigned int GetCapabilities() override {
         if (throwing) throw std::runtime_error("protocol exploded");
-        return MemoryProtocol::GetCapabilities();
+        return TestRemote::GetCapabilities();
     }
     std::atomic<bool> throwing{false};
 };
@@ -228,21 +205,20 @@ TEST_F(VolumeKernelTest, RepeatedMountsLeakNoThreadFileDescriptorOrMount) {
 }
 
 TEST_F(VolumeKernelTest, CloseWaitsForTheUploadOnlyWhenAsynchronousUploadIsOff) {
-    protocol_->SetDelay(std::chrono::milliseconds(300));
     Up(MT_NO_ASYNC_UPLOAD);
     ASSERT_TRUE(WriteFile(At("/sync.txt"), "synchronous"));
     // FUSE releases a file after close() returns; the upload is done by then.
-    EXPECT_TRUE(WaitUntil([&] { return Remote("/sync.txt") == "synchronous"; }));
+    EXPECT_TRUE(WaitUntil([&] { return protocol_->Contents("/sync.txt") == "synchronous"; }));
     EXPECT_EQ(fs_->CountUploadings(), 0);
     Down();
 
     Up();
-    protocol_->ResetCounters();
+    protocol_->Pause(Op::UploadItem);
     ASSERT_TRUE(WriteFile(At("/async.txt"), "asynchronous"));
     // Released at once: the upload is queued for a background worker.
     EXPECT_TRUE(WaitUntil([&] { return fs_->CountUploadings() == 1; }));
+    protocol_->Resume(Op::UploadItem);
     EXPECT_TRUE(RemoteBecomes("/async.txt", "asynchronous"));
-    protocol_->SetDelay(std::chrono::milliseconds(0));
 }
 
 TEST_F(VolumeKernelTest, OfTwoWritersOnlyTheLastClosesAnUpload) {
@@ -261,7 +237,7 @@ TEST_F(VolumeKernelTest, OfTwoWritersOnlyTheLastClosesAnUpload) {
     ASSERT_TRUE(WaitUntil([&] { return protocol_->Calls(Op::UploadItem) == 1; }));
     ASSERT_TRUE(Settled());
     EXPECT_EQ(protocol_->Calls(Op::UploadItem), 1);
-    EXPECT_EQ(Remote("/shared.txt"), "AAAABB");
+    EXPECT_EQ(protocol_->Contents("/shared.txt"), "AAAABB");
 }
 
 TEST_F(VolumeKernelTest, AFailedUploadIsPutToTheHostAndItsAnswerCarriedOut) {
@@ -278,7 +254,7 @@ TEST_F(VolumeKernelTest, AFailedUploadIsPutToTheHostAndItsAnswerCarriedOut) {
     events_->Answer(UPLOAD_ANSWER_RETRY);
     protocol_->FailNext(Op::UploadItem, SOCK_TIMEOUT, 2);
     ASSERT_TRUE(WriteFile(At("/retry.txt"), "retried"));
-    ASSERT_TRUE(WaitUntil([&] { return Remote("/retry.txt") == "retried"; }));
+    ASSERT_TRUE(WaitUntil([&] { return protocol_->Contents("/retry.txt") == "retried"; }));
     EXPECT_EQ(events_->Questions(), 3);
 
     // Save: the data lands in the local file named by the host.
@@ -301,7 +277,7 @@ TEST_F(VolumeKernelTest, AFailedUploadIsPutToTheHostAndItsAnswerCarriedOut) {
     EXPECT_EQ(fs_->UploadCacheSave("/later.txt", (dir_ / "later.txt").c_str()), SUCCESS);
     EXPECT_EQ(ReadFile(dir_ / "later.txt"), "decided later");
     EXPECT_EQ(fs_->UploadCacheRetry("/later.txt"), SUCCESS);
-    ASSERT_TRUE(WaitUntil([&] { return Remote("/later.txt") == "decided later"; }));
+    ASSERT_TRUE(WaitUntil([&] { return protocol_->Contents("/later.txt") == "decided later"; }));
     EXPECT_EQ(fs_->UploadCacheRetry("/no-such.txt"), FILE_NOT_FOUND);
     EXPECT_EQ(fs_->UploadCacheCancel("/nothing.txt"), FILE_NOT_FOUND);
     EXPECT_EQ(fs_->UploadCacheSave("/nothing.txt", "/tmp/x"), FILE_NOT_FOUND);
@@ -338,7 +314,7 @@ TEST_F(VolumeKernelTest, RenamesDuringAnUploadReturnAtOnceAndTheDataFollows) {
         [&] {
             renamed = rename(At("/a.bin").c_str(), At("/b.bin").c_str());
             moved = rename(At("/b.bin").c_str(), At("/dst/c.bin").c_str());
-            EXPECT_EQ(Sh("ls " + At("/") + " " + At("/dst") + " >/dev/null"), 0);
+            EXPECT_EQ(RunProgram({"ls", At("/"), At("/dst")}), 0);
         },
         [&] { protocol_->Resume(Op::UploadItem); }));
     EXPECT_EQ(renamed, 0);

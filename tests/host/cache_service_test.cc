@@ -27,14 +27,6 @@ using namespace std::chrono_literals;
 using Calls = std::vector<std::pair<long long, long long>>;
 constexpr long long B = 4096;  // the block size of every cache under test
 
-// Distinct bytes everywhere, so that data landing in the wrong place shows.
-std::string Pattern(size_t size, int seed = 0) {
-    std::string data(size, '\0');
-    for (size_t i = 0; i < size; ++i)
-        data[i] = static_cast<char>((i * 31 + i / 251 + seed) % 256);
-    return data;
-}
-
 // The remote side: serves a string in pieces of 1000 bytes (which straddle
 // blocks) and records the ranges asked for. Like a node, it never sends bytes
 // past the remote's end, and fails without a handle.
@@ -133,7 +125,7 @@ class CacheServiceContract : public ::testing::Test {
 };
 
 TEST_F(CacheServiceContract, ReadsFetchOnlyMissingBlocksInCoalescedRangesCutAtTheSize) {
-    const std::string remote = Pattern(10 * B + 100);
+    const std::string remote = RandomBytes(10 * B + 100);
     StringFetch fetch(remote);
     auto object = cache_->Open("\\dir\\file.bin", 'r', remote.size(), &fetch);
     ASSERT_NE(object, nullptr);
@@ -166,7 +158,7 @@ TEST_F(CacheServiceContract, ReadsFetchOnlyMissingBlocksInCoalescedRangesCutAtTh
 }
 
 TEST_F(CacheServiceContract, PartialWritesFetchTheRestOfTheirEdgeBlocksFirst) {
-    const std::string remote = Pattern(10000);
+    const std::string remote = RandomBytes(10000);
     StringFetch fetch(remote);
     auto object = cache_->Open("\\f", 'w', remote.size(), &fetch);
     ASSERT_EQ(Write(object.get(), B + 100, "0123456789", &fetch), SUCCESS);
@@ -186,7 +178,7 @@ TEST_F(CacheServiceContract, PartialWritesFetchTheRestOfTheirEdgeBlocksFirst) {
 }
 
 TEST_F(CacheServiceContract, WrittenBlocksWinOverFetchedData) {
-    const std::string remote = Pattern(5 * B + 100);
+    const std::string remote = RandomBytes(5 * B + 100);
     StringFetch fetch(remote);
     auto object = cache_->Open("\\f", 'w', remote.size(), &fetch);
     const std::string local(B, 'L');
@@ -211,7 +203,7 @@ TEST_F(CacheServiceContract, WrittenBlocksWinOverFetchedData) {
     EXPECT_EQ(Read(object.get(), 0, remote.size(), nullptr), expected);
 
     // The remote changed: fetched blocks go, written ones stay.
-    const std::string changed = Pattern(5 * B + 100, 99);
+    const std::string changed = RandomBytes(5 * B + 100, 99);
     fetch.SetRemote(changed);
     ASSERT_EQ(object->DropClean(), SUCCESS);
     expected = changed;
@@ -221,7 +213,7 @@ TEST_F(CacheServiceContract, WrittenBlocksWinOverFetchedData) {
 }
 
 TEST_F(CacheServiceContract, SetSizeTruncatesAndExtendsWithZerosThatAreNeverFetched) {
-    const std::string remote = Pattern(3 * B);
+    const std::string remote = RandomBytes(3 * B);
     StringFetch fetch(remote);
     auto object = cache_->Open("\\f", 'w', remote.size(), &fetch);
     Read(object.get(), 0, 3 * B, &fetch);
@@ -238,7 +230,7 @@ TEST_F(CacheServiceContract, SetSizeTruncatesAndExtendsWithZerosThatAreNeverFetc
 }
 
 TEST_F(CacheServiceContract, CommitKeepsTheDataAndDiscardForgetsIt) {
-    const std::string remote = Pattern(2 * B);
+    const std::string remote = RandomBytes(2 * B);
     StringFetch fetch(remote);
     auto object = cache_->Open("\\f", 'w', remote.size(), &fetch);
     ASSERT_EQ(Write(object.get(), 0, std::string(2 * B, 'w'), &fetch), SUCCESS);
@@ -270,7 +262,7 @@ TEST_F(CacheServiceContract, RekeyMovesTheEntryAndClosedEntriesKeepTheirData) {
 
 TEST_F(CacheServiceContract, ConcurrentReadersAndWritersKeepEveryByte) {
     constexpr int kBlocks = 64;
-    const std::string remote = Pattern(kBlocks * B);
+    const std::string remote = RandomBytes(kBlocks * B);
     StringFetch fetch(remote);
     auto object = cache_->Open("\\shared", 'w', remote.size(), &fetch);
     std::atomic<bool> failed{false};
@@ -322,7 +314,7 @@ class DiskCacheTest : public ::testing::Test {
 };
 
 TEST_F(DiskCacheTest, UsageRemoveAndTheRulesOfTheInterface) {
-    const std::string remote = Pattern(B + 100);
+    const std::string remote = RandomBytes(B + 100);
     StringFetch fetch(remote + std::string(B, 'X'));  // bytes the old file never had
     auto cache = MakeDisk(dir_);
     auto object = cache->Open("\\f", 'w', remote.size(), &fetch);
@@ -379,7 +371,7 @@ TEST_F(DiskCacheTest, UsageRemoveAndTheRulesOfTheInterface) {
 }
 
 TEST_F(DiskCacheTest, RestartsAndFlushKeepWrittenAndFetchedData) {
-    const std::string remote = Pattern(6 * B);
+    const std::string remote = RandomBytes(6 * B);
     StringFetch fetch(remote);
     std::string expected = remote;
     {
@@ -462,7 +454,7 @@ TEST_F(DiskCacheTest, AnOlderFolderKeepsItsUnsentDataAndANewerIndexIsRefused) {
 }
 
 TEST_F(DiskCacheTest, EvictionDropsOldestCleanEntriesAndNeverUnsentData) {
-    StringFetch fetch(Pattern(2 * B));
+    StringFetch fetch(RandomBytes(2 * B));
     RecordingLog log;
     auto cache = MakeDisk(dir_, 4 * B, nullptr, &log);
     auto unsent = cache->Open("\\unsent", 'w', 0, nullptr);
@@ -502,7 +494,7 @@ TEST_F(DiskCacheTest, EvictionDropsOldestCleanEntriesAndNeverUnsentData) {
 }
 
 TEST_F(DiskCacheTest, SequentialReadsFetchAheadOnTheQueueWithoutFetchingTwice) {
-    const std::string remote = Pattern(32 * B);
+    const std::string remote = RandomBytes(32 * B);
     StringFetch fetch(remote);
     std::mutex mutex;
     std::map<long long, int> fetchedBlocks;

@@ -98,13 +98,6 @@ class FetchRecorder : public IFetchCallback {
     std::string data;
 };
 
-inline std::string Pattern(size_t size) {
-    std::string text(size, '\0');
-    for (size_t i = 0; i < size; ++i)
-        text[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
-    return text;
-}
-
 inline _FS_FILE_V2 Record(const std::string& name, int64_t size = 0, const std::string& key = "") {
     _FS_FILE_V2 record;
     record.name = name;

@@ -79,13 +79,10 @@ class LocalProtocolTest : public ::testing::Test {
     }
     // Polls GetChanges until `line` has come; the limit only guards against a hang.
     bool WaitForReport(ChangeRecorder* changes, const std::string& line) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (!changes->Has(line)) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return WaitUntil([&] {
             EXPECT_EQ(Code([&](void** c) { return protocol_->GetChanges(changes, c); }), SUCCESS);
-        }
-        return true;
+            return changes->Has(line);
+        });
     }
 
     TempDir tmp_;
@@ -163,7 +160,7 @@ TEST_F(LocalProtocolTest, NothingOutsideTheFolderIsReached) {
 
 TEST_F(LocalProtocolTest, UploadsLandWholeOrNotAtAll) {
     fs::create_directory(Path("docs"));
-    const std::string content = Pattern(2 * 1024 * 1024 + 17);
+    const std::string content = RandomBytes(2 * 1024 * 1024 + 17);
     StringSource source(content);
     source.maxPerRead = 300000;  // the source hands out less than asked
     std::vector<std::pair<unsigned long long, unsigned long long>> reports;
@@ -207,7 +204,7 @@ TEST_F(LocalProtocolTest, UploadsLandWholeOrNotAtAll) {
     // readers meanwhile, and no temporary file.
     WriteText(Path("doc.txt"), "original");
     for (const bool endEarly : {false, true}) {
-        StringSource broken(Pattern(3 * 1024 * 1024));
+        StringSource broken(RandomBytes(3 * 1024 * 1024));
         (endEarly ? broken.endAt : broken.failAt) = 2 * 1024 * 1024;
         bool checkedMidway = false;
         broken.beforeRead = [&](int64_t offset) {
@@ -230,7 +227,7 @@ TEST_F(LocalProtocolTest, UploadsLandWholeOrNotAtAll) {
     // A folder renamed while an upload into it runs does not receive the
     // file under a key that names its old place.
     fs::create_directory(Path("old"));
-    StringSource moving(Pattern(2 * 1024 * 1024));
+    StringSource moving(RandomBytes(2 * 1024 * 1024));
     moving.maxPerRead = 1024 * 1024;
     moving.beforeRead = [&](int64_t offset) {
         if (offset == 0) return;
@@ -299,7 +296,7 @@ TEST_F(LocalProtocolTest, ReportsChangesOfOtherProgramsButNotItsOwn) {
     // The protocol's own changes are not reported. Events come in order: once
     // another program's change is reported, every earlier one has been seen.
     changes.all.clear();
-    StringSource source(Pattern(100000));
+    StringSource source(RandomBytes(100000));
     ASSERT_EQ(Upload("/", Record("mine.txt", 100000), &source), SUCCESS);
     ASSERT_EQ(protocol_->SetItemTime("/mine.txt", 0, 0, 1704438489, nullptr), SUCCESS);
     _FS_FILE_V2 record = Record("ownfolder");

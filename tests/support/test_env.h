@@ -55,8 +55,6 @@ std::string KernelMountUnavailable();
 // Runs `argv` in a child process (no shell); its exit status, or -1. Its
 // standard output is stored in `output` when given.
 int RunProgram(const std::vector<std::string>& argv, std::string* output = nullptr);
-// Runs a shell command line; its exit status.
-int Shell(const std::string& command, std::string* output = nullptr);
 
 // Polls `condition` until it holds or `limit` passes (a guard against hangs,
 // not a timing assertion).
@@ -70,5 +68,7 @@ int CountOpenFds();
 
 std::string ReadFile(const std::string& path);
 bool WriteFile(const std::string& path, const std::string& contents);
+// `size` bytes drawn from a generator seeded with `seed`.
+std::string RandomBytes(size_t size, unsigned seed = 0);
 
 #endif  // LIBFS_TESTS_SUPPORT_TEST_ENV_H_

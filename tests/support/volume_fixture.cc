@@ -71,7 +71,7 @@ void VolumeFixture::SetUp() {
     FS_BindLogger(FS_LOGGER_MAIN, &log_);
     FS_BindCache(&cache_);
     fs_ = std::make_unique<FileSystem>(L"/mnt/test", "Test", "/mnt/test", features_);
-    protocol_ = std::make_shared<MemoryProtocol>();
+    protocol_ = std::make_shared<TestRemote>();
     events_ = std::make_shared<RecordingEvents>();
     fs_->SetFSEvent(events_);
     fs_->SetNotifier(&notifier_);

@@ -1,4 +1,4 @@
-// A file system over an in-memory remote and the host's disk cache, without the
+// A file system over a local-folder remote and the host's disk cache, without the
 // kernel: what node-level tests start from.
 #ifndef LIBFS_TESTS_SUPPORT_VOLUME_FIXTURE_H_
 #define LIBFS_TESTS_SUPPORT_VOLUME_FIXTURE_H_
@@ -14,8 +14,8 @@
 #include "fs/filesystem.h"
 #include "libfilesystem/libfilesystem.h"
 #include "support/disk_test_cache.h"
-#include "support/memory_protocol.h"
 #include "support/test_env.h"
+#include "support/test_remote.h"
 #include "tree/file.h"
 
 // Records what the file system tells its host.
@@ -79,7 +79,7 @@ class VolumeFixture : public ::testing::Test {
     RecordingLog log_;
     DiskTestCache cache_;
     std::unique_ptr<FileSystem> fs_;
-    std::shared_ptr<MemoryProtocol> protocol_;
+    std::shared_ptr<TestRemote> protocol_;
     std::shared_ptr<RecordingEvents> events_;
     RecordingNotifier notifier_;
     FS_FEATURE features_ = FEATURE_ASYNC_UPLOAD;
