@@ -196,6 +196,11 @@ TEST_F(RemoteChangesTest, AChangedFileIsReadAfresh) {
     protocol_->AddFile("/docs/a.txt", "version two, longer");
     EXPECT_TRUE(PollUntil([&] { return a->Info()->size == 19; }));
     EXPECT_EQ(ReadNode(a, 0, 100), "version two, longer");
+    // Saved the way editors save: a new copy renamed over the old one.
+    protocol_->AddFile("/docs/.a.new", "version three");
+    std::filesystem::rename(protocol_->Path("/docs/.a.new"), protocol_->Path("/docs/a.txt"));
+    EXPECT_TRUE(PollUntil([&] { return a->Info()->size == 13; }));
+    EXPECT_EQ(ReadNode(a, 0, 100), "version three");
 }
 
 TEST_F(RemoteChangesTest, LocalWritesWinOverARemoteChange) {

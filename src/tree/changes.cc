@@ -13,6 +13,13 @@ AERROR File::Added(const char* key, _FS_FILE_V2* record) {
     if (key == nullptr || record == nullptr) return SUCCESS;
     auto folder = FindHash(key);
     if (!folder || !folder->IsFolder()) return SUCCESS;
+    // An item put in place of one the tree knows (a program that saves by
+    // renaming a new copy over the old) is news like any change.
+    auto known = folder->GetFileWithNoFetch(record->name.c_str());
+    if (known && !known->Key().empty() && known->Key() == record->key) {
+        known->Update(record, false, false);
+        return SUCCESS;
+    }
     auto node = folder->AddChild(record, true);
     folder->IndexForChanges(node);
     return SUCCESS;
