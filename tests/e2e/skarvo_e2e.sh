@@ -17,7 +17,7 @@ if [ "$(id -u)" -ne 0 ] || ! [ -c /dev/fuse ]; then
   echo "skipped: the end-to-end checks need root and /dev/fuse"
   exit 77
 fi
-for tool in git rsync sqlite3 sha256sum; do
+for tool in git rsync sqlite3 tar sha256sum; do
   command -v "$tool" >/dev/null || { echo "skipped: $tool is missing"; exit 77; }
 done
 
@@ -29,7 +29,7 @@ CACHE=$WORK/cache
 PID=
 passed=0
 failed=0
-CASES=(copies edits git rsync sqlite cache_limit huge_length full_cache fsync remote_changes realtime)
+CASES=(copies edits git tar rsync sqlite cache_limit huge_length full_cache fsync remote_changes realtime)
 
 cleanup() {
   [ -n "$PID" ] && kill -TERM "$PID" 2>/dev/null && sleep 1
@@ -64,7 +64,7 @@ case "${E2E_REMOTE:-local}" in
     # The server owns what it stores; git run as root checks the share's copy.
     export GIT_CONFIG_COUNT=1 GIT_CONFIG_KEY_0=safe.directory GIT_CONFIG_VALUE_0='*'
     REMOTE_ARG=webdav://127.0.0.1:$DAV_PORT/dav
-    CASES=(copies edits git rsync remote_changes "${WEBDAV_CASES[@]}")
+    CASES=(copies edits git tar rsync remote_changes "${WEBDAV_CASES[@]}")
     ;;
   *) echo "unknown E2E_REMOTE '$E2E_REMOTE'"; exit 2 ;;
 esac
@@ -230,6 +230,28 @@ case_git() {
   down
   diff -r --exclude=.git "$repo" "$REMOTE/clone" || fail "the clone differs"
   [ -z "$(git -C "$REMOTE/clone" status --porcelain)" ] || fail "git status on the remote"
+  no_leftovers
+}
+
+# A tree of a thousand files extracted into the volume, archived again from
+# it, and compared both ways.
+case_tar() {
+  local src=$WORK/src
+  rm -rf "$src" && mkdir -p "$src"
+  for d in $(seq 1 25); do
+    mkdir -p "$src/pkg$d/sub"
+    for f in $(seq 1 40); do
+      head -c $(( (d * 37 + f * 101) % 9000 )) /dev/urandom > "$src/pkg$d/sub/f$f.c"
+    done
+  done
+  tar -C "$WORK" -cf "$WORK/src.tar" src
+  up
+  tar -C "$MNT" -xf "$WORK/src.tar"
+  tar -C "$MNT" -cf "$WORK/back.tar" src
+  rm -rf "$WORK/back" && mkdir -p "$WORK/back" && tar -C "$WORK/back" -xf "$WORK/back.tar"
+  diff -r --exclude='.ql_disable*' "$src" "$WORK/back/src" || fail "tar c from the volume differs"
+  down
+  diff -r "$src" "$REMOTE/src" || fail "the remote differs"
   no_leftovers
 }
 
