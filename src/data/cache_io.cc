@@ -10,36 +10,35 @@
 
 #include "services/export_interface.h"
 
-// --- PreventTimeoutCacheIO ---------------------------------------------------
+// --- TimeoutKeeper -----------------------------------------------------------
 
-PreventTimeoutCacheIO::PreventTimeoutCacheIO(std::shared_ptr<ICacheObj> cacheObject,
-                                             IExportService* service, IFSConfig* config)
-    : lastReset_(std::chrono::steady_clock::now()),
-      cacheObject_(std::move(cacheObject)),
-      exportService_(service),
-      config_(config) {}
-
-void PreventTimeoutCacheIO::ResetTimeoutIfDue() {
-    if (config_ == nullptr || exportService_ == nullptr) return;
+void TimeoutKeeper::operator()() {
+    if (config_ == nullptr || service_ == nullptr) return;
     const long long elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
                                   std::chrono::steady_clock::now() - lastReset_)
                                   .count();
-    if (elapsed > config_->GetConfig().timeout_reset && cacheObject_) {
+    if (elapsed > config_->GetConfig().timeout_reset) {
         // The configuration may have changed since the first look.
-        exportService_->ResetTimeout(static_cast<unsigned long>(config_->GetConfig().fstimeout));
+        service_->ResetTimeout(static_cast<unsigned long>(config_->GetConfig().fstimeout));
         lastReset_ = std::chrono::steady_clock::now();
     }
 }
 
+// --- PreventTimeoutCacheIO ---------------------------------------------------
+
+PreventTimeoutCacheIO::PreventTimeoutCacheIO(std::shared_ptr<ICacheObj> cacheObject,
+                                             IExportService* service, IFSConfig* config)
+    : cacheObject_(std::move(cacheObject)), keeper_(service, config) {}
+
 AERROR PreventTimeoutCacheIO::Read(_READDATA* request) {
-    ResetTimeoutIfDue();
     if (!cacheObject_) return ACCESS_VIOLATION;
+    keeper_();
     return cacheObject_->Read(request);
 }
 
 AERROR PreventTimeoutCacheIO::Write(_WRITEDATA* request) {
-    ResetTimeoutIfDue();
     if (!cacheObject_) return ACCESS_VIOLATION;
+    keeper_();
     return cacheObject_->Write(request);
 }
 

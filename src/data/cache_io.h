@@ -16,6 +16,22 @@
 class IExportService;
 struct evbuffer;
 
+// Re-arms the kernel's time-out for the request under way, at most once per
+// `timeout_reset` milliseconds of the configuration as it is at each call.
+// `service` and `config` are borrowed and may be null; without either of them
+// nothing is re-armed. Used by one thread at a time.
+class TimeoutKeeper {
+  public:
+    TimeoutKeeper(IExportService* service, IFSConfig* config)
+        : service_(service), config_(config), lastReset_(std::chrono::steady_clock::now()) {}
+    void operator()();
+
+  private:
+    IExportService* service_;
+    IFSConfig* config_;
+    std::chrono::steady_clock::time_point lastReset_;
+};
+
 // Forwards reads and writes to a host cache object. While data moves through
 // it, it re-arms the kernel's time-out for the operation under way at most
 // once per `timeout_reset` milliseconds, so that an upload or a long read is
@@ -33,12 +49,8 @@ class PreventTimeoutCacheIO : public ICacheIO {
     AERROR Write(_WRITEDATA* request) override;
 
   private:
-    void ResetTimeoutIfDue();
-
-    std::chrono::steady_clock::time_point lastReset_;
     std::shared_ptr<ICacheObj> cacheObject_;
-    IExportService* exportService_;
-    IFSConfig* config_;
+    TimeoutKeeper keeper_;
 };
 
 // A strictly sequential memory pipe of `total` bytes between one writer and

@@ -54,11 +54,6 @@ void FileContent::LimitFetchableSize(long long size) {
     fetchableSize_ = std::min<int64_t>(fetchableSize_, size);
 }
 
-bool FileContent::FromUploadSource() const {
-    std::lock_guard<std::mutex> lock(dataMutex_);
-    return !uploadSource_.empty();
-}
-
 void FileContent::SetStreamingPipe(std::shared_ptr<ICacheIO> pipe) {
     std::lock_guard<std::mutex> lock(pipeMutex_);
     streamingPipe_ = std::move(pipe);

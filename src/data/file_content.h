@@ -59,10 +59,6 @@ class FileContent {
     bool IsModified() const { return modified_.load() != 0; }
     void ClearModified() { modified_ = 0; }
 
-    // Set while the content comes from a local source of the upload side
-    // rather than from writes.
-    bool FromUploadSource() const;
-
     UploadState GetUploadState() const { return uploadState_.load(); }
     void SetUploadState(UploadState state) { uploadState_ = state; }
     // Moves the upload state from `from` to `to`; false when it was not `from`.
@@ -116,7 +112,6 @@ class FileContent {
     std::shared_ptr<ICacheObj> cacheObject_;  // guarded by dataMutex_
     std::string cacheKey_;                    // guarded by dataMutex_
     int64_t fetchableSize_ = 0;               // guarded by dataMutex_
-    std::string uploadSource_;                // guarded by dataMutex_
     // The cache service may hold clean data of an older remote version of
     // this file (from before this node existed, or from before a remote
     // change seen while no cache object was open).

@@ -91,9 +91,8 @@ int FileSystem::ChangeOwner(const char* path, unsigned int uid, unsigned int gid
     const bool sameUser = uid == static_cast<unsigned int>(-1) || uid == getuid();
     const bool sameGroup = gid == static_cast<unsigned int>(-1) || gid == getgid();
     if (!sameUser || !sameGroup) return ErrnoFor(NOT_SUPPORTED);
-    const std::string exact = ToExactPath(path, false);
     std::shared_ptr<File> node;
-    return Outcome("ChangeOwner", GetFile(exact.c_str(), node), process, path);
+    return Outcome("ChangeOwner", FindNode(path, node), process, path);
 }
 
 int FileSystem::UtimeNs(const char* path, const struct timespec times[2], unsigned long long handle,
@@ -102,8 +101,7 @@ int FileSystem::UtimeNs(const char* path, const struct timespec times[2], unsign
     std::shared_ptr<File> node;
     AERROR result = SUCCESS;
     if (handle == 0) {
-        const std::string exact = ToExactPath(path, false);
-        result = GetFile(exact.c_str(), node);
+        result = FindNode(path, node);
     } else if (auto record = GetHandle(handle)) {
         // Only a handle open for writing may change the times.
         if (record->mode == HANDLE_MODE_WRITE) node = record->file;

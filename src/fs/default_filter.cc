@@ -21,11 +21,7 @@ bool DefaultFilter::IsOfflineOnly(const char* processName, const char* fileName)
 }
 
 bool DefaultFilter::IsRealtimeUploadProcess(const char* processName) noexcept {
-    if (!realtime_ || processName == nullptr) return false;
-    // With real-time upload on and no list, every writer streams.
-    if (realtimeProcesses_.empty()) return true;
-    for (const auto& process : realtimeProcesses_) {
-        if (process == processName) return true;
-    }
-    return false;
+    // With real-time upload on, every writer streams; a host that streams
+    // only some processes binds a filter of its own.
+    return realtime_ && processName != nullptr;
 }

@@ -21,7 +21,6 @@ class DefaultFilter : public IFSFilter {
   private:
     // Process-name pattern -> file-name patterns kept local for it.
     std::unordered_map<std::string, std::deque<std::string>> offlineOnly_;
-    std::deque<std::string> realtimeProcesses_;
     bool realtime_;
     const std::string anyProcess_ = "*";
 };

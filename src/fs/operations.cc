@@ -322,9 +322,8 @@ int FileSystem::Rename(const char* from, const char* to, std::string process) {
 }
 
 int FileSystem::Hide(const char* from, const char* to, std::string process) {
-    const std::string exact = ToExactPath(from, false);
     std::shared_ptr<File> node;
-    AERROR result = GetFile(exact.c_str(), node);
+    AERROR result = FindNode(from, node);
     const std::string hiddenName = GetObjectName(to, "\\/");
     if (result == SUCCESS && node) result = node->Hide(hiddenName);
     if (result == SUCCESS && node) SetHidden(hiddenName, node);

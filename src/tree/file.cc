@@ -168,12 +168,6 @@ void File::ReportError(int kind, AERROR code, void* cookie) {
     }
 }
 
-time_t File::FileTimeToTimet(uint32_t low, uint32_t high) {
-    const uint64_t value = (static_cast<uint64_t>(high) << 32) | low;
-    if (value == 0) return 0;
-    return static_cast<time_t>((static_cast<int64_t>(value) - 116444736000000000LL) / 10000000);
-}
-
 std::string File::BuildPathA(char sep) const {
     std::deque<std::string> names;
     for (const File* node = this; node != nullptr; node = node->Parent()) {
@@ -281,8 +275,8 @@ void File::Notify(NOTIFYEVENT event, const std::wstring& path, const std::wstrin
                             newPath != nullptr ? newPath->c_str() : nullptr);
 }
 
-bool File::HasFeature(FS_FEATURE feature, bool withoutFileSystem) const {
-    if (fileSystem_ == nullptr) return withoutFileSystem;
+bool File::HasFeature(FS_FEATURE feature) const {
+    if (fileSystem_ == nullptr) return false;
     return (static_cast<uint32_t>(fileSystem_->GetFeature()) & feature) != 0;
 }
 

@@ -146,8 +146,6 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     AERROR MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParent,
                     std::string newName);
 
-    static time_t FileTimeToTimet(uint32_t low, uint32_t high);
-
     // Paths, built by walking up to the root. The root's own path is empty.
     std::string BuildPathA(char sep) const;
     std::wstring BuildPath(char sep) const;
@@ -199,7 +197,6 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     AERROR readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out);
     static bool IsUtf8(const char* text);
     // Stops this folder from being listed (folders that exist only locally).
-    void SetNoListing(bool value) { listing_.SetDisabled(value); }
 
     // Applies a fresh record of the remote item to the node; with
     // `sameContent` (a rename or move) the cached data stays as it is.
@@ -239,12 +236,11 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     AERROR SetEndOfFile(_FS_HANDLE_EXT* handle, long long size);
     AERROR SetAllocationSize(_FS_HANDLE_EXT* handle, long long size);
     AERROR ftruncate(const std::string& path, long long size);
-    // Whether the file system has `feature` on; `withoutFileSystem` for a
-    // node that belongs to none.
-    bool HasFeature(FS_FEATURE feature, bool withoutFileSystem = false) const;
+    // Whether the file system has `feature` on; never for a node that
+    // belongs to none.
+    bool HasFeature(FS_FEATURE feature) const;
     bool IsOfflineOnly() const { return (Info()->attributes & FILE_ATTRIBUTE_NO_DELETE) != 0; }
     UploadState GetUploadState() const { return content_.GetUploadState(); }
-    void SetUploadState(UploadState state) { content_.SetUploadState(state); }
     // The pipe a running streaming upload takes written data from.
     void SetStreamingPipe(std::shared_ptr<ICacheIO> pipe) {
         content_.SetStreamingPipe(std::move(pipe));
@@ -252,10 +248,11 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     std::shared_ptr<ICacheIO> StreamingPipe() const { return content_.StreamingPipe(); }
     long long FetchableSize() const { return content_.FetchableSize(); }
     // Real-time upload (stream_upload.cc): `record`'s successful write also
-    // goes to the streaming upload, starting one when `realtime` and the
-    // write begins an empty file; anything else abandons a running stream.
+    // goes to the streaming upload, starting one when the write begins an
+    // empty file and its process is one the filter streams; anything else
+    // abandons a running stream.
     void FeedStream(const std::shared_ptr<_FS_HANDLE_EXT>& record, const _WRITEDATA& request,
-                    long long priorSize, bool realtime, IExportService* exportService);
+                    long long priorSize, IExportService* exportService);
     // The writer `record` closes: ends its stream and waits for the upload.
     void EndStream(const std::shared_ptr<_FS_HANDLE_EXT>& record, IExportService* exportService);
     // Gives the running stream up; the close uploads from the cache.

@@ -120,12 +120,10 @@ AERROR File::Open(char mode, unsigned long flags, unsigned long, const std::stri
         // A second writer: the stream no longer has the file to itself.
         if (handles_.ExistWriteHandle()) AbandonStream();
         handle = handles_.OpenHandleWrite(self);
-        const bool noModifyMark = HasFeature(FEATURE_NO_MODIFY_MARK);
-        const bool fromUploadSource = content_.FromUploadSource();
         // Opening for write marks the file for upload, even if nothing is
         // written, except for the file manager, which opens files for write
         // just to look at them.
-        if (!fromUploadSource && processName != "finder" && !noModifyMark) SetModified();
+        if (processName != "finder" && !HasFeature(FEATURE_NO_MODIFY_MARK)) SetModified();
     } else {
         handle = handles_.OpenHandleRead(self);
     }
@@ -252,12 +250,10 @@ AERROR File::WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long
         if (!cacheObject) return WriteFailed(FILE_WRITE_FAILED);
         return WriteToCache(cacheObject, request, priorSize, written);
     }
-    auto filter = fileSystem_ != nullptr ? fileSystem_->GetFSFilter() : nullptr;
-    const bool realtime = filter && filter->IsRealtimeUploadProcess(record->process.c_str());
     MarkWritten(pipe != nullptr);
     // Every write goes to the cache, a streamed one as well.
     const AERROR result = WriteToOpenedCache(request, priorSize, written);
-    if (result == SUCCESS) FeedStream(record, request, priorSize, realtime, exportService);
+    if (result == SUCCESS) FeedStream(record, request, priorSize, exportService);
     return result;
 }
 

@@ -28,7 +28,7 @@ std::shared_ptr<File> File::GetFile(const char* name, std::shared_ptr<File> self
 }
 
 AERROR File::FetchList(std::shared_ptr<File> self) {
-    if (listing_.Disabled() || listing_.Pending()) return SUCCESS;
+    if (listing_.Pending()) return SUCCESS;
     listing_.SetRequested(true);
     const bool backgroundRefresh = !HasFeature(FEATURE_NO_BACKGROUND_REFRESH);
     if (backgroundRefresh && fileState_.load() == FILE_STATE_LISTED) {
@@ -42,7 +42,7 @@ AERROR File::FetchList(std::shared_ptr<File> self) {
 }
 
 AERROR File::FetchListWithNoDetectChanges(std::shared_ptr<File> self) {
-    if (listing_.Disabled() || listing_.Pending()) return SUCCESS;
+    if (listing_.Pending()) return SUCCESS;
     listing_.SetRequested(true);
     return RunListing(std::move(self), false);
 }

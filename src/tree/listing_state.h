@@ -14,9 +14,6 @@ class ListingState {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // Folders that exist only locally are never listed.
-    bool Disabled() const { return disabled_.load(); }
-    void SetDisabled(bool value) { disabled_ = value; }
     // Whether the folder was asked for its listing (or holds all it has).
     bool Requested() const { return requested_.load(); }
     void SetRequested(bool value) { requested_ = value; }
@@ -41,7 +38,6 @@ class ListingState {
     }
 
   private:
-    std::atomic<bool> disabled_{false};
     std::atomic<bool> requested_{false};
     std::atomic<Clock::time_point> listedAt_{Clock::time_point{}};
     mutable std::mutex mutex_;

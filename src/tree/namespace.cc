@@ -116,6 +116,7 @@ AERROR File::KeepContentLocally() {
 void File::SetAside() {
     std::string oldKey;
     const std::wstring aside = L"\\.skarvo-removed-" + std::to_wstring(serial_);
+    const std::string asideKey = CacheKey(aside);
     // The content goes aside with the cache object open, so that the
     // object follows it.
     OpenCache('r');
@@ -127,13 +128,13 @@ void File::SetAside() {
         remoteKey_.clear();
         content_.SetFetchableSize(0);
         PublishInfo(next);
-        oldKey = content_.Rekey(CacheKey(aside));
+        oldKey = content_.Rekey(asideKey);
     }
     // The name is free for a new file, whose cache entry must not be this one.
     if (!oldKey.empty()) {
         Rehash(oldKey, aside, "");
         // The content belongs nowhere now: it must never be uploaded again.
-        NoteCacheOrigin(CacheKey(aside), "", nullptr, nullptr);
+        NoteCacheOrigin(asideKey, "", nullptr, nullptr);
     }
 }
 
@@ -269,8 +270,8 @@ AERROR File::RenameFile(std::shared_ptr<File>, const char* newName, bool notify)
         // the data under the new name.
         std::lock_guard<std::mutex> place(placeLock_);
         // A folder's new key changes every key below it.
-        std::unique_ptr<SharedHold> gate;
-        if (IsFolder()) gate = std::make_unique<SharedHold>(PlaceGate(), true);
+        std::unique_lock<std::shared_mutex> gate(PlaceGate(), std::defer_lock);
+        if (IsFolder()) gate.lock();
         result = RenameInPlace(newName, true, &cookie);
     }
     if (result == SUCCESS && notify) {

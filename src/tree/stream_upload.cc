@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "data/async_job.h"
+#include "data/cache_io.h"
 #include "data/stream_pipe.h"
 #include "data/upload_place.h"
 #include "libfilesystem/entry_points.h"
@@ -56,28 +57,6 @@ class StreamJob : public IAsyncObj {
     std::shared_ptr<StreamPipe> pipe_;
 };
 
-// Re-arms the kernel's time-out of the request under way while it waits.
-class KeepAlive {
-  public:
-    KeepAlive(IExportService* service, const _FS_CONFIG& config)
-        : service_(service), config_(config), last_(std::chrono::steady_clock::now()) {}
-    void operator()() {
-        const auto now = std::chrono::steady_clock::now();
-        if (service_ == nullptr ||
-            std::chrono::duration_cast<std::chrono::milliseconds>(now - last_).count() <=
-                config_.timeout_reset) {
-            return;
-        }
-        service_->ResetTimeout(config_.fstimeout);
-        last_ = now;
-    }
-
-  private:
-    IExportService* service_;
-    _FS_CONFIG config_;
-    std::chrono::steady_clock::time_point last_;
-};
-
 }  // namespace
 
 std::shared_ptr<StreamPipe> File::CurrentStream() {
@@ -85,15 +64,18 @@ std::shared_ptr<StreamPipe> File::CurrentStream() {
 }
 
 void File::FeedStream(const std::shared_ptr<_FS_HANDLE_EXT>& record, const _WRITEDATA& request,
-                      long long priorSize, bool realtime, IExportService* exportService) {
+                      long long priorSize, IExportService* exportService) {
     auto pipe = CurrentStream();
     if (pipe && pipe->Stopped()) return;
     if (!pipe) {
-        if (!realtime || request.offset != 0 || priorSize != 0) return;
+        if (request.offset != 0 || priorSize != 0) return;
+        // Asked only here, where a stream could start, not on every write.
+        auto filter = fileSystem_ != nullptr ? fileSystem_->GetFSFilter() : nullptr;
+        if (!filter || !filter->IsRealtimeUploadProcess(record->process.c_str())) return;
         pipe = StartStream(record);
         if (!pipe) return;
     }
-    KeepAlive keepAlive(exportService, GetConfig());
+    TimeoutKeeper keepAlive(exportService, config_);
     if (!pipe->IsOwner(record.get()) || pipe->Push(request, std::ref(keepAlive)) != SUCCESS) {
         AbandonStream();
         return;
@@ -136,7 +118,7 @@ void File::EndStream(const std::shared_ptr<_FS_HANDLE_EXT>& record, IExportServi
     } else {
         pipe->Abandon();
     }
-    KeepAlive keepAlive(exportService, GetConfig());
+    TimeoutKeeper keepAlive(exportService, config_);
     const auto job = pipe->Job();
     while (content_.IsRunning(job)) {
         keepAlive();
