@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/control_command.h"
 #include "cli/daemon.h"
 #include "cli/mount_session.h"
 #include "cli/named_remotes.h"
@@ -30,10 +31,7 @@ int WrongArguments(const std::string& error) {
 int ListNamedRemotes(const EnvLookup& env) {
     RemotesFile file;
     const Status read = ReadRemotesFile(RemotesFilePath(env), &file);
-    if (!read.ok()) {
-        fprintf(stderr, "skarvo: %s\n", read.message().c_str());
-        return 1;
-    }
+    if (!read.ok()) return CommandFailed(1, read.message());
     if (file.remotes.empty()) {
         fprintf(stderr, "skarvo: no named remotes in %s (see man skarvo)\n", file.path.c_str());
     }
@@ -77,10 +75,7 @@ int main(int argc, char** argv) {
             break;
     }
     const Status resolved = ResolveNamedRemotes(args, env, &command);
-    if (!resolved.ok()) {
-        fprintf(stderr, "skarvo: %s\n", resolved.message().c_str());
-        return 2;
-    }
+    if (!resolved.ok()) return CommandFailed(2, resolved.message());
     // Before any thread starts, so that every thread inherits the mask.
     BlockStopSignals();
     const MountOptions& options = command.mount;

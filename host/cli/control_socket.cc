@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/stable_hash.h"
+
 namespace {
 
 constexpr size_t kMaxRequest = 4096;
@@ -24,13 +26,9 @@ std::string RuntimeFolder() {
     return "/tmp/skarvo-" + std::to_string(geteuid());
 }
 
-// FNV-1a: a stable, short name for any mount point.
+// A stable, short name for any mount point.
 std::string NameFor(const std::string& mountPoint) {
-    uint64_t hash = 14695981039346656037ull;
-    for (unsigned char c : mountPoint) {
-        hash ^= c;
-        hash *= 1099511628211ull;
-    }
+    const uint64_t hash = StableHash(mountPoint);
     char name[32];
     snprintf(name, sizeof(name), "%016llx.sock", static_cast<unsigned long long>(hash));
     return name;

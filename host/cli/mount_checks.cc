@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "common/stable_hash.h"
 #include "libfilesystem/unique_fd.h"
 
 Status CheckMountPoint(const std::string& path, std::string* canonical) {
@@ -93,14 +94,10 @@ bool IsSameOrInside(const std::string& path, const std::string& folder) {
 
 std::string VolumeCacheDir(const std::string& cacheDir, const std::string& volumeName,
                            const std::vector<std::string>& identities) {
-    // FNV-1a: stable from one run to the next.
-    uint64_t hash = 14695981039346656037ull;
-    for (const std::string& identity : identities) {
-        for (const unsigned char c : identity + '\n') {
-            hash ^= c;
-            hash *= 1099511628211ull;
-        }
-    }
+    // Stable from one run to the next.
+    uint64_t hash = kStableHashStart;
+    for (const std::string& identity : identities)
+        hash = StableHash(identity + '\n', hash);
     std::string name;
     for (const char c : volumeName) {
         const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "cli/configuration.h"
+#include "cli/control_command.h"
 #include "cli/control_socket.h"
 #include "cli/crash_recovery.h"
 #include "cli/mount_checks.h"
@@ -44,8 +45,7 @@ sigset_t StopSignals() {
 }
 
 int Fail(const std::string& line) {
-    fprintf(stderr, "skarvo: %s\n", line.c_str());
-    return 1;
+    return CommandFailed(1, line);
 }
 
 // The mounted volume as the run loop drives it, through the library's entry

@@ -1,24 +1,12 @@
 #include "cli/realtime_filter.h"
 
+#include <strings.h>
+
 #include <algorithm>
-#include <cctype>
-
-namespace {
-
-std::string Lower(std::string text) {
-    for (char& c : text)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
-
-}  // namespace
 
 RealtimeProcessFilter::RealtimeProcessFilter(std::shared_ptr<IFSFilter> previous,
                                              const std::vector<std::string>& names)
-    : previous_(std::move(previous)) {
-    for (const std::string& name : names)
-        names_.push_back(Lower(name));
-}
+    : previous_(std::move(previous)), names_(names) {}
 
 bool RealtimeProcessFilter::IsOfflineOnly(const char* processName, const char* fileName) {
     return previous_ && previous_->IsOfflineOnly(processName, fileName);
@@ -26,9 +14,7 @@ bool RealtimeProcessFilter::IsOfflineOnly(const char* processName, const char* f
 
 bool RealtimeProcessFilter::IsRealtimeUploadProcess(const char* processName) noexcept {
     if (processName == nullptr) return false;
-    try {
-        return std::find(names_.begin(), names_.end(), Lower(processName)) != names_.end();
-    } catch (...) {
-        return false;
-    }
+    return std::any_of(names_.begin(), names_.end(), [&](const std::string& name) {
+        return strcasecmp(name.c_str(), processName) == 0;
+    });
 }

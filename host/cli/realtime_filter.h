@@ -22,7 +22,7 @@ class RealtimeProcessFilter : public IFSFilter {
 
   private:
     std::shared_ptr<IFSFilter> previous_;
-    std::vector<std::string> names_;  // lower case
+    std::vector<std::string> names_;  // compared without regard to case
 };
 
 #endif  // SKARVO_CLI_REALTIME_FILTER_H_

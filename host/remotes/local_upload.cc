@@ -69,6 +69,8 @@ class TemporaryFile {
         }
         name_.clear();
         fd_.Reset();
+        // Renames and moves wait only for the rename, not for the sync.
+        if (lock.owns_lock()) lock.unlock();
         fsync(dirfd_);  // makes the rename durable; the data is already safe
         return Status::Ok();
     }

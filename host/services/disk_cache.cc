@@ -11,6 +11,7 @@
 #include <cstring>
 #include <utility>
 
+#include "common/stable_hash.h"
 #include "services/cache_object.h"
 #include "services/cache_records.h"
 #include "services/legacy_records.h"
@@ -24,14 +25,9 @@ constexpr char kTempSuffix[] = ".tmp";  // left by record saves of older version
 // The least that making room on a full disk frees, in blocks.
 constexpr uint64_t kRoomBlocks = 256;
 
-// FNV-1a: a stable hash, so an entry gets the same name in every run.
+// A stable hash, so an entry gets the same name in every run.
 uint64_t HashKey(const std::string& key) {
-    uint64_t hash = 14695981039346656037ull;
-    for (const unsigned char c : key) {
-        hash ^= c;
-        hash *= 1099511628211ull;
-    }
-    return hash;
+    return StableHash(key);
 }
 
 bool IsValidBlockSize(uint32_t size) {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "libfilesystem/unique_fd.h"
+#include "services/name_suffix.h"
 
 namespace {
 
@@ -147,11 +148,7 @@ LegacyRecords ReadLegacyRecords(const std::string& dataDir) {
     if (folder == nullptr) return legacy;
     while (const dirent* item = readdir(folder)) {
         const std::string file = item->d_name;
-        if (file.size() <= strlen(kRecordSuffix) ||
-            file.compare(file.size() - strlen(kRecordSuffix), std::string::npos, kRecordSuffix) !=
-                0) {
-            continue;
-        }
+        if (!EndsWith(file, kRecordSuffix)) continue;
         const std::string name = file.substr(0, file.size() - strlen(kRecordSuffix));
         if (!IsValidEntryName(name)) continue;  // not ours
         std::string text;
