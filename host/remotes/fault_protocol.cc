@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr size_t kIdentityLength = 4096;
 constexpr size_t kDescriptionLength = 1024;
 
 const char* RecordKey(const _FS_FILE_V2* record) {
@@ -84,12 +83,11 @@ void FaultProtocol::ReleaseCookie(void* cookie) {
     wrapped_->ReleaseCookie(cookie);
 }
 
+// The wrapped remote's own: the faults change how it answers, not what it
+// holds, so a mount through them shares its cache and its unsent data with a
+// plain mount of the same remote.
 AERROR FaultProtocol::GetIdentity(char* buffer, unsigned long length) {
-    std::string wrapped(kIdentityLength, '\0');
-    const AERROR result = wrapped_->GetIdentity(&wrapped[0], wrapped.size());
-    if (result != SUCCESS) return result;
-    wrapped.resize(strnlen(wrapped.data(), wrapped.size()));
-    return CopyText("fault:" + faults_.text + ":" + wrapped, buffer, length);
+    return wrapped_->GetIdentity(buffer, length);
 }
 
 AERROR FaultProtocol::GetQuota(unsigned long long* total, unsigned long long* used) {
