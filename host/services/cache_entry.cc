@@ -74,6 +74,7 @@ Status CacheEntry::Restore(std::shared_ptr<CacheContext> context, const Files& f
     }
     entry->key_ = record.key;
     entry->extra_ = record.extra;
+    entry->cleanVersion_ = record.cleanVersion;
     entry->origin_ = record.origin;
     entry->size_ = record.size;
     entry->fetchLimit_ = record.fetchLimit;
@@ -243,12 +244,27 @@ AERROR CacheEntry::SetSize(int64_t size) {
 }
 
 AERROR CacheEntry::DropClean() {
+    return CheckVersion("");
+}
+
+AERROR CacheEntry::CheckVersion(const std::string& version) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (forgotten_) return CACHE_NOT_OPENED;
+    // "" names no version, so it never matches, not even an unknown one.
+    if (!version.empty() && version == cleanVersion_) return SUCCESS;
     DropBlocksLocked(BlockState::kFetched);
     ++generation_;  // fetches under way bring the old content
+    cleanVersion_ = version;
     dirty_ = true;
     UpdateUsageLocked();
+    return SaveLocked(false);
+}
+
+AERROR CacheEntry::SetVersion(const std::string& version) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (forgotten_) return CACHE_NOT_OPENED;
+    cleanVersion_ = version;
+    dirty_ = true;
     return SaveLocked(false);
 }
 
@@ -256,6 +272,7 @@ AERROR CacheEntry::Commit() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (forgotten_) return CACHE_NOT_OPENED;
     map_.Replace(BlockState::kWritten, BlockState::kFetched);
+    cleanVersion_.clear();  // until SetVersion names the stored content
     // The remote now holds exactly [0, size_): anything kept past it is gone.
     map_.Resize(BlockMap::BlocksFor(static_cast<uint64_t>(size_), blockSize_));
     if (OpenDataLocked() && fileLength_ > size_ && ftruncate(fd_, size_) == 0) fileLength_ = size_;
@@ -272,6 +289,7 @@ AERROR CacheEntry::Discard() {
     map_.Resize(BlockMap::BlocksFor(static_cast<uint64_t>(size_), blockSize_));
     if (OpenDataLocked() && ftruncate(fd_, 0) == 0) fileLength_ = 0;
     ++generation_;
+    cleanVersion_.clear();
     fetchLimit_ = size_;
     dirty_ = true;
     UpdateUsageLocked();
@@ -420,6 +438,7 @@ AERROR CacheEntry::SaveLocked(bool durable) {
     record.name = files_.name;
     record.key = key_;
     record.extra = extra_;
+    record.cleanVersion = cleanVersion_;
     record.size = size_;
     record.fetchLimit = fetchLimit_;
     record.blocks = map_.Encode();

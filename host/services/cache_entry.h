@@ -97,6 +97,8 @@ class CacheEntry {
     AERROR SetSize(int64_t size);
     AERROR FillUnwritten(const std::shared_ptr<_FS_HANDLE>& handle);
     AERROR DropClean();
+    AERROR CheckVersion(const std::string& version);
+    AERROR SetVersion(const std::string& version);
     AERROR Commit();
     AERROR Discard();
     AERROR Sync();
@@ -157,6 +159,7 @@ class CacheEntry {
     std::condition_variable changed_;  // a fetch or a read-ahead ended
     std::string key_;
     std::string extra_;
+    std::string cleanVersion_;  // of the fetched blocks; "": unknown
     EntryOrigin origin_;
     BlockMap map_;                // covers at least the blocks below size_
     int64_t size_ = 0;            // the file's size as the library sees it

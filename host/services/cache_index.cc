@@ -6,7 +6,7 @@ namespace {
 
 // Raised with every change of the schema; an older skarvo refuses a newer
 // index rather than misread it.
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 constexpr char kSchema[] = R"(
 CREATE TABLE IF NOT EXISTS settings(name TEXT PRIMARY KEY, value INTEGER NOT NULL);
@@ -14,6 +14,7 @@ CREATE TABLE IF NOT EXISTS entries(
     name TEXT PRIMARY KEY,          -- the data file is data/<name>.data
     key TEXT NOT NULL,
     extra TEXT NOT NULL,            -- the protocol's text given with the last rekey
+    clean_version TEXT NOT NULL DEFAULT '',  -- the remote content the fetched blocks hold
     size INTEGER NOT NULL,
     fetch_limit INTEGER NOT NULL,   -- bytes from here on are never fetched
     blocks BLOB NOT NULL,           -- BlockMap::Encode
@@ -29,7 +30,13 @@ CREATE TABLE IF NOT EXISTS entries(
 
 constexpr char kColumns[] =
     "name, key, extra, size, fetch_limit, blocks, unsent, origin_known, origin_path, "
-    "origin_remote, base_size, base_time, base_extra, last_use";
+    "origin_remote, base_size, base_time, base_extra, last_use, clean_version";
+
+// What each version adds to the one before, run in order on an older index.
+constexpr const char* kUpgrades[] = {
+    // 1 -> 2: the version of the fetched blocks; none is known for old rows.
+    "ALTER TABLE entries ADD COLUMN clean_version TEXT NOT NULL DEFAULT '';",
+};
 
 EntryRecord ReadRecord(const SqliteStatement& row) {
     EntryRecord record;
@@ -49,6 +56,7 @@ EntryRecord ReadRecord(const SqliteStatement& row) {
     origin.baseModifyTime = row.Text(11);
     origin.baseExtra = row.Text(12);
     record.lastUse = static_cast<uint64_t>(row.Int(13));
+    record.cleanVersion = row.Text(14);
     return record;
 }
 
@@ -87,7 +95,12 @@ Status CacheIndex::Prepare(uint32_t blockSize) {
                              "written by a newer skarvo (version " + std::to_string(version) + ")");
     }
     // A new index takes the block size it is given; an existing one keeps its own.
-    const std::string setUp = std::string("BEGIN IMMEDIATE;") + kSchema +
+    std::string upgrades;
+    if (version > 0) {
+        for (int64_t from = version; from < kSchemaVersion; ++from)
+            upgrades += kUpgrades[from - 1];
+    }
+    const std::string setUp = std::string("BEGIN IMMEDIATE;") + upgrades + kSchema +
                               "INSERT OR IGNORE INTO settings VALUES('block_size', " +
                               std::to_string(blockSize) +
                               ");PRAGMA user_version=" + std::to_string(kSchemaVersion) + ";";
@@ -106,7 +119,7 @@ Status CacheIndex::Prepare(uint32_t blockSize) {
 
 Status CacheIndex::PrepareStatements() {
     const std::string columns = kColumns;
-    const std::string values = ") VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    const std::string values = ") VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
     const std::string save = "INSERT OR REPLACE INTO entries(" + columns + values;
     const std::string import = "INSERT OR IGNORE INTO entries(" + columns + values;
     const std::string load = "SELECT " + columns + " FROM entries ORDER BY last_use, name";
@@ -151,6 +164,7 @@ void CacheIndex::BindRecord(SqliteStatement* statement, const EntryRecord& recor
     statement->Bind(12, origin.baseModifyTime);
     statement->Bind(13, origin.baseExtra);
     statement->Bind(14, static_cast<int64_t>(record.lastUse));
+    statement->Bind(15, record.cleanVersion);
 }
 
 AERROR CacheIndex::Save(const EntryRecord& record, bool durable) {

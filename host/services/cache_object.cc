@@ -61,6 +61,14 @@ AERROR CacheObject::DropClean() {
     return entry_->DropClean();
 }
 
+AERROR CacheObject::CheckVersion(const char* version) {
+    return entry_->CheckVersion(version != nullptr ? version : "");
+}
+
+AERROR CacheObject::SetVersion(const char* version) {
+    return entry_->SetVersion(version != nullptr ? version : "");
+}
+
 AERROR CacheObject::Commit() {
     AERROR result = entry_->Commit();
     // The commit holds in memory even when its record did not fit: saving it

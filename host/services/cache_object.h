@@ -32,6 +32,8 @@ class CacheObject : public ICacheObj {
     AERROR Commit() override;
     AERROR Discard() override;
     AERROR Sync() override;
+    AERROR CheckVersion(const char* version) override;
+    AERROR SetVersion(const char* version) override;
 
   private:
     // Runs `operation`; when the disk is full, makes room for `bytes` and

@@ -32,6 +32,9 @@ struct EntryRecord {
     std::string name;  // stem of the data file's name
     std::string key;
     std::string extra;  // the protocol's text given with the last rekey
+    // The remote content the fetched blocks hold (ICacheObj::CheckVersion);
+    // "": unknown.
+    std::string cleanVersion;
     int64_t size = 0;
     int64_t fetchLimit = 0;  // bytes from here on are never fetched
     std::string blocks;      // BlockMap::Encode

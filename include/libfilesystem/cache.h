@@ -101,10 +101,12 @@ class IFetch {
 //        holds the file's whole content.
 //   5  DropClean() -> AERROR
 //        The remote content changed: forgets every fetched block, keeps the
-//        written ones (the local writer wins; they are uploaded later).
+//        written ones (the local writer wins; they are uploaded later). The
+//        version of the clean blocks becomes unknown.
 //   6  Commit() -> AERROR
 //        The written data has been stored remotely: written blocks become
-//        ordinary fetched blocks, which the cache may evict.
+//        ordinary fetched blocks, which the cache may evict. Their version
+//        is unknown until SetVersion names it.
 //   7  Discard() -> AERROR
 //        The upload was abandoned: forgets every block, written or fetched,
 //        so that the next read fetches the remote content again.
@@ -115,6 +117,20 @@ class IFetch {
 //        its size and its origin (ICacheService::NoteOrigin). The library
 //        calls it for fsync and when the last writer closes a file it
 //        changed. A cache that keeps nothing across restarts answers SUCCESS.
+//  11  CheckVersion(version) -> AERROR
+//        The remote content is the one `version` names: an opaque text that
+//        the library builds from the file's remote record, or "" when it
+//        cannot name it. Unless the object's clean blocks are known to hold
+//        exactly that version, forgets them as DropClean does. From then on
+//        its clean blocks belong to `version`. The library calls it when it
+//        first opens a file's object, so that a cache kept across restarts
+//        is read again without fetching. A cache must not trust a version
+//        across a crash that may have lost fetched data it had not synced.
+//        The default forgets the clean blocks always.
+//  12  SetVersion(version) -> AERROR
+//        The object's blocks are now exactly the remote content `version`
+//        names: called right after Commit, once the upload stored them.
+//        The default ignores it.
 class ICacheObj : public ICacheIO {
   public:
     virtual AERROR Reopen(char mode, long long size, IFetch* fetcher) = 0;
@@ -124,6 +140,8 @@ class ICacheObj : public ICacheIO {
     virtual AERROR Commit() = 0;
     virtual AERROR Discard() = 0;
     virtual AERROR Sync() { return SUCCESS; }
+    virtual AERROR CheckVersion(const char* /*version*/) { return DropClean(); }
+    virtual AERROR SetVersion(const char* /*version*/) { return SUCCESS; }
 };
 
 // Where the content of a cache entry belongs. Null fields are left as they

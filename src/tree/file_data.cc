@@ -52,8 +52,11 @@ void File::OpenCache(char mode) {
     if (content_.CacheObject()) return;
     const std::shared_ptr<ICacheObj> opened =
         content_.OpenCache(BuildPathForCache('\\'), mode, Info()->size, this);
-    // Clean data the cache held from before is of an unknown version.
-    if (opened) opened->DropClean();
+    if (!opened) return;
+    // Clean data the cache held from before stays when it is of the version
+    // the remote has; only a node at rest knows that version.
+    const bool atRest = !IsModified() && !IsUploading() && !IsRemoved();
+    opened->CheckVersion(atRest ? Info()->ContentVersion().c_str() : "");
 }
 
 void File::NoteOrigin(const _FS_FILE_V2* base) {

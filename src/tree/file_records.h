@@ -3,6 +3,7 @@
 #define LIBFS_TREE_FILE_RECORDS_H_
 
 #include <cstdint>
+#include <string>
 
 #include "libfilesystem/file_record.h"
 
@@ -19,6 +20,12 @@ struct _FS_FILE_EXT : _FS_FILE_V2 {
         extra = source.extra;
         knownSize = source.size;
         return *this;
+    }
+    // Names the remote content the record describes, for a cache to keep
+    // with its clean data: the fields whose change makes a fresh record count
+    // as new content (File::Update).
+    std::string ContentVersion() const {
+        return std::to_string(knownSize) + " " + modifyTime + " " + extra;
     }
 };
 

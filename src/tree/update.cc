@@ -19,6 +19,8 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
     std::shared_ptr<ICacheObj> cacheObject;
     std::string oldKey;
     std::string extra;
+    std::string version;  // of the remote content, for the cache
+    bool localWriter;
     {
         std::lock_guard<std::mutex> lock(dataMutex_);
         auto current = Info();
@@ -35,7 +37,7 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
 
         auto next = std::make_shared<_FS_FILE_EXT>();
         *next = copy;
-        const bool localWriter = IsModified() || IsUploading() || handles_.ExistWriteHandle();
+        localWriter = IsModified() || IsUploading() || handles_.ExistWriteHandle();
         if (localWriter) {
             // The local change stays based on the version it started from.
             next->size = current->size;
@@ -52,12 +54,13 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
         cacheObject = content_.CacheObject();
         oldKey = content_.CacheKey();
         extra = next->extra;
+        version = next->ContentVersion();
     }
     // Change reports name the item by its new key from now on.
     if (rekeyed) IndexForChanges(shared_from_this());
     if (contentChanged) {
         if (cacheObject) {
-            cacheObject->DropClean();
+            cacheObject->CheckVersion(localWriter ? "" : version.c_str());
             cacheObject->Reopen('r', Info()->size, this);
         } else {
             content_.MarkStale();

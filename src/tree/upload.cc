@@ -228,6 +228,7 @@ AERROR File::CommitUpload(_FS_FILE_V2& record, const UploadPlace& place, uint64_
         std::unique_lock<std::shared_mutex> content(content_.Lock());
         if (content_.WriteGeneration() == generation) {
             cacheObject->Commit();
+            cacheObject->SetVersion(Info()->ContentVersion().c_str());
             content_.ClearModified();
         }
         cacheObject->Reopen('r', Info()->size, this);

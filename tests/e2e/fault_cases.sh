@@ -1,6 +1,6 @@
 # Cases that mount REMOTE_ARG through the fault: remote, sourced by
 # skarvo_e2e.sh; they use its helpers.
-FAULT_CASES=(upload_faults empty_upload_fault hang_list hang_stop)
+FAULT_CASES=(upload_faults empty_upload_fault hang_list hang_stop cache_kept)
 
 # Milliseconds since an arbitrary start.
 now_ms() { echo $(($(date +%s%N) / 1000000)); }
@@ -120,4 +120,31 @@ case_empty_upload_fault() {
   : > "$MNT/empty.txt"
   down
   [ -e "$REMOTE/empty.txt" ] || [ -e "$WORK/recovered/empty.txt" ] || fail "the empty file was lost"
+}
+
+# What the cache held at an unmount, written or read, is read from it after
+# the next mount without a download (every download fails there), as long
+# as the remote keeps that version; a file changed while unmounted is
+# downloaded afresh.
+case_cache_kept() {
+  local plain=$REMOTE_ARG
+  head -c 3000000 /dev/urandom > "$WORK/written"
+  echo "remote data" > "$REMOTE/fetched.txt"
+  up
+  cp "$WORK/written" "$MNT/written"
+  [ "$(cat "$MNT/fetched.txt")" = "remote data" ]
+  down
+  REMOTE_ARG=fault:download=1:$plain
+  up
+  same_file "$WORK/written" "$MNT/written"
+  [ "$(cat "$MNT/fetched.txt")" = "remote data" ] || fail "fetched.txt was not read from the cache"
+  down
+  echo "changed remotely" > "$REMOTE/fetched.txt"
+  up
+  ! cat "$MNT/fetched.txt" > /dev/null 2>&1 || fail "a file changed remotely was read from the cache"
+  down
+  REMOTE_ARG=$plain
+  up
+  [ "$(cat "$MNT/fetched.txt")" = "changed remotely" ] || fail "the remote change was not read"
+  down
 }

@@ -235,6 +235,8 @@ TEST_F(CacheServiceContract, CommitKeepsTheDataAndDiscardForgetsIt) {
     auto object = cache_->Open("\\f", 'w', remote.size(), &fetch);
     ASSERT_EQ(Write(object.get(), 0, std::string(2 * B, 'w'), &fetch), SUCCESS);
     ASSERT_EQ(object->Commit(), SUCCESS);
+    ASSERT_EQ(object->SetVersion("stored"), SUCCESS);
+    ASSERT_EQ(object->CheckVersion("stored"), SUCCESS);
     EXPECT_EQ(Read(object.get(), 0, 2 * B, &fetch), std::string(2 * B, 'w'));
     EXPECT_TRUE(fetch.TakeCalls().empty());
     // Committed data is ordinary cached data: a remote change drops it.
@@ -377,6 +379,7 @@ TEST_F(DiskCacheTest, RestartsAndFlushKeepWrittenAndFetchedData) {
     {
         auto cache = MakeDisk(dir_);
         auto object = cache->Open("\\docs\\report.odt", 'w', remote.size(), &fetch);
+        ASSERT_EQ(object->CheckVersion("v1"), SUCCESS);
         Read(object.get(), 0, 2 * B, &fetch);
         ASSERT_EQ(Write(object.get(), 3 * B, std::string(B, 'w'), &fetch), SUCCESS);
         ASSERT_EQ(Write(object.get(), 6 * B, "tail", &fetch), SUCCESS);
@@ -417,23 +420,39 @@ TEST_F(DiskCacheTest, RestartsAndFlushKeepWrittenAndFetchedData) {
         EXPECT_EQ(Usage(*cache), std::make_pair(3ull * B + 4 + 18, 1ull * B + 4 + 18));
         auto object = cache->Open("\\docs\\report.odt", 'r', expected.size(), &fetch);
         fetch.TakeCalls();
+        // Fetched blocks of the version the remote still has are read again.
+        ASSERT_EQ(object->CheckVersion("v1"), SUCCESS);
         EXPECT_EQ(Read(object.get(), 0, expected.size(), &fetch), expected);
         EXPECT_EQ(fetch.TakeCalls(), (Calls{{2 * B, B}, {4 * B, 2 * B}}));
+        // Another version drops them all and keeps the written ones.
+        ASSERT_EQ(object->CheckVersion("v2"), SUCCESS);
+        EXPECT_EQ(Read(object.get(), 0, expected.size(), &fetch), expected);
+        EXPECT_EQ(fetch.TakeCalls(), (Calls{{0, 3 * B}, {4 * B, 2 * B}}));
         auto other = cache->Open("\\other", 'r', 18, nullptr);
         EXPECT_EQ(Read(other.get(), 0, 100, nullptr), "still open at exit");
     }
 }
 
-// A folder of the older version, with a text record per entry, keeps its
-// unsent data in the index; an index of a newer version is refused.
-TEST_F(DiskCacheTest, AnOlderFolderKeepsItsUnsentDataAndANewerIndexIsRefused) {
+// A folder of an older version, with a text record per entry or an index of
+// the first version, keeps its unsent data; an index of a newer version is
+// refused.
+TEST_F(DiskCacheTest, OlderFoldersKeepTheirUnsentDataAndANewerIndexIsRefused) {
     std::filesystem::create_directories(dir_ + "/data");
     ASSERT_TRUE(WriteFile(dir_ + "/data/00000000000000aa.data", "unsent"));
     ASSERT_TRUE(WriteFile(dir_ + "/data/00000000000000aa.map",
                           "skarvo-cache-entry 1\nblock-size 4096\nsize 6\nfetch-limit 0\n"
                           "key 4:\\a.t\nextra 0:\nblocks w1\norigin 4:/A.t\nremote 5:local\n"
                           "base-size -1\nbase-time 0:\nbase-extra 0:\n"));
-    for (int run = 0; run < 2; ++run) {
+    const auto sql = [&](const char* statement) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open((dir_ + "/index.db").c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, statement, nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(db);
+    };
+    // Runs: the text records imported, the index reopened, and an index of
+    // the first version (without the version of the fetched blocks) upgraded.
+    for (int run = 0; run < 3; ++run) {
+        if (run == 2) sql("ALTER TABLE entries DROP COLUMN clean_version; PRAGMA user_version = 1");
         auto cache = MakeDisk(dir_);
         const auto unsent = cache->UnsentEntries();
         ASSERT_EQ(unsent.size(), 1u);
@@ -445,10 +464,7 @@ TEST_F(DiskCacheTest, AnOlderFolderKeepsItsUnsentDataAndANewerIndexIsRefused) {
         cache->Close("\\a.t");
         EXPECT_FALSE(std::filesystem::exists(dir_ + "/data/00000000000000aa.map"));
     }
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open((dir_ + "/index.db").c_str(), &db), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(db, "PRAGMA user_version = 2", nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
+    sql("PRAGMA user_version = 99");
     std::shared_ptr<DiskCache> newer;
     EXPECT_FALSE(DiskCache::Create(dir_, 1ull << 30, nullptr, nullptr, &newer).ok());
 }
