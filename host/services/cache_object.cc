@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "services/read_ahead.h"
+#include "services/queued_call.h"
 
 CacheObject::CacheObject(std::shared_ptr<CacheEntry> entry, std::shared_ptr<CacheContext> context,
                          GrownFn grown, RoomFn room)
@@ -24,7 +24,16 @@ AERROR CacheObject::Read(_READDATA* request) {
     // A read stores what it fetches: it may need room too.
     const uint64_t room = request != nullptr ? request->size + 2ull * context_->blockSize : 0;
     const AERROR result = WithRoom(room, [&] { return entry_->Read(request, &plan); });
-    if (plan.wanted) StartReadAhead(context_->queue, entry_, plan);
+    if (plan.wanted) {
+        // The job keeps the entry alive until it ends; an entry whose
+        // read-ahead never runs is told so at once.
+        const std::shared_ptr<CacheEntry> entry = entry_;
+        const auto ended = [entry] { entry->ReadAheadEnded(); };
+        if (!RunQueued(
+                context_->queue, [entry, plan] { entry->RunReadAhead(plan); }, ended)) {
+            ended();
+        }
+    }
     if (result == SUCCESS) grown_(false);
     return result;
 }

@@ -17,6 +17,7 @@
 #include "services/legacy_records.h"
 #include "services/make_dirs.h"
 #include "services/name_suffix.h"
+#include "services/queued_call.h"
 
 namespace {
 
@@ -123,6 +124,7 @@ DiskCache::~DiskCache() {
     // Outside the lock: shutting an entry down waits for its read-ahead.
     for (const auto& entry : entries)
         entry->Shutdown();
+    RemoveDropped();
     std::lock_guard<std::mutex> lock(mutex_);
     SaveLastUsesLocked();
     entries_.clear();
@@ -239,6 +241,41 @@ AERROR DiskCache::Remove(const char* key) {
     names_.erase(name);
     entries_.erase(found);
     return SUCCESS;
+}
+
+void DiskCache::Drop(const std::string& key) {
+    bool start = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = entries_.find(key);
+        if (stopped_ || found == entries_.end() || found->second->OpenCount() > 0) return;
+        // A new entry of the key gets another name while this one's files
+        // wait: the name stays taken until they are gone.
+        found->second->Forget(false);
+        start = dropped_.empty();
+        dropped_.push_back(found->second->Name());
+        entries_.erase(found);
+    }
+    if (!start) return;
+    std::weak_ptr<DiskCache> self = weak_from_this();
+    const auto run = [self] {
+        if (auto cache = self.lock()) cache->RemoveDropped();
+    };
+    if (!RunQueued(context_->queue, run)) RemoveDropped();
+}
+
+void DiskCache::RemoveDropped() {
+    std::vector<std::string> names;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        names.swap(dropped_);
+    }
+    for (const std::string& name : names)
+        unlink(FilesFor(name).data.c_str());
+    index_->Remove(names);
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const std::string& name : names)
+        names_.erase(name);
 }
 
 std::shared_ptr<ICacheObj> DiskCache::Open(const char* key, char mode, long long size,
@@ -378,10 +415,9 @@ void DiskCache::NoteOrigin(const char* key, const _CACHE_ORIGIN* origin) {
         next.baseExtra = next.based ? base->extra : "";
     }
     entry->SetOrigin(next);
-    // Written data that belongs nowhere goes at once when no one has it
-    // open. Clean entries are left to eviction: a removal rewrites the index,
-    // which every unlink of a cached file must not pay.
-    if (next.BelongsNowhere() && entry->UnsentBytes() > 0) Remove(key);
+    // The content of a deleted file goes when no one has it open: kept, it
+    // would hold memory and disk until evicted.
+    if (next.BelongsNowhere()) Drop(key);
 }
 
 void DiskCache::Trim(bool released) {

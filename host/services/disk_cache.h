@@ -38,7 +38,8 @@ struct DiskCacheOptions {
 // updates the entry's row. A folder of an older version, with a text record
 // per entry (data/<name>.map), has them imported into the index at start.
 //
-// When the cache holds more than its limit, closed entries without written
+// The entry of a deleted file (noted to belong nowhere) goes when it is
+// closed. When the cache holds more than its limit, closed entries without written
 // data go, least recently used first. Entries holding written data that was
 // not committed are never evicted; the cache grows past its limit for them
 // and logs a warning. When the folder's disk is full, a write first evicts
@@ -111,6 +112,12 @@ class DiskCache : public ICacheService, public std::enable_shared_from_this<Disk
     // leaves a row it cannot use alone.
     void RestoreEntryLocked(const EntryRecord& record, const std::set<std::string>& dataFiles,
                             std::vector<std::string>* dropped);
+    // Forgets the closed entry of `key` at once and deletes its files and row
+    // soon after, on the queue: a deleted file's unlink does not wait for
+    // them.
+    void Drop(const std::string& key);
+    // Deletes the files and rows of the dropped entries, in one transaction.
+    void RemoveDropped();
     void Trim(bool released);
     // Evicts closed clean entries, least recently used first, until about
     // `bytes` were freed; true when any went.
@@ -138,7 +145,8 @@ class DiskCache : public ICacheService, public std::enable_shared_from_this<Disk
 
     mutable std::mutex mutex_;  // taken before any entry's own lock
     std::unordered_map<std::string, std::shared_ptr<CacheEntry>> entries_;  // by key
-    std::set<std::string> names_;  // of entries, and of files that could not be read
+    std::set<std::string> names_;       // of entries, and of files that could not be read
+    std::vector<std::string> dropped_;  // names whose files and rows are to go
     std::map<const IProtocol_V2*, std::string> identities_;
     uint64_t fruitlessTrimAt_ = UINT64_MAX;  // releases_ when a trim last found nothing
     bool stopped_ = false;

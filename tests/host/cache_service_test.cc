@@ -368,6 +368,19 @@ TEST_F(DiskCacheTest, UsageRemoveAndTheRulesOfTheInterface) {
     EXPECT_EQ(Usage(*cache).second, 3ull * B);
     ASSERT_EQ(hidden->Reopen('w', 3 * B, nullptr), SUCCESS);
     EXPECT_EQ(Read(hidden.get(), 0, 3 * B, nullptr), std::string(3 * B, 'w'));
+    // The closed entry of a deleted file goes once noted to belong nowhere,
+    // uploaded or not, and a new file of that name starts empty.
+    auto gone = cache->Open("\\gone", 'w', 0, nullptr);
+    ASSERT_EQ(Write(gone.get(), 0, "old", nullptr), SUCCESS);
+    ASSERT_EQ(gone->Commit(), SUCCESS);
+    cache->Close("\\gone");
+    const size_t entries = cache->EntryCount();
+    _CACHE_ORIGIN nowhere;
+    nowhere.path = "";
+    cache->NoteOrigin("\\gone", &nowhere);
+    EXPECT_EQ(cache->EntryCount(), entries - 1);
+    auto fresh = cache->Open("\\gone", 'r', 3, nullptr);
+    EXPECT_EQ(Read(fresh.get(), 0, 3, nullptr), std::string(3, '\0'));
     cache.reset();
     EXPECT_EQ(whole->SetSize(5), CACHE_NOT_OPENED) << "objects stop with the cache";
 }
