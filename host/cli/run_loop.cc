@@ -56,6 +56,7 @@ bool ForceUnmount(VolumeControl& volume) {
 RunEnd RunUntilUnmounted(VolumeControl& volume, const std::string& mountPoint) {
     while (!volume.WaitForSignal(kPollEvery)) {
         if (!volume.IsMounted()) return RunEnd::kUnmountedOutside;
+        volume.Tick();
     }
 
     std::string lastSaid;

@@ -26,6 +26,8 @@ class VolumeControl {
     virtual void Say(const std::string& line) = 0;
     // A forced unmount starts: failed uploads must stop waiting to be retried.
     virtual void Forcing() = 0;
+    // Called about once a second while the volume serves, for housekeeping.
+    virtual void Tick() {}
 };
 
 enum class RunEnd {
