@@ -387,7 +387,7 @@ def write_table(out, medians, args, entries):
     ]
     chart = []
     for key, label, unit, higher in WORKLOADS:
-        row = [medians[t].get(key) for t in TARGETS]
+        row = [medians.get(t, {}).get(key) for t in TARGETS]
         vs_pass = ratio(key, higher, row[2], row[1])
         vs_rclone = ratio(key, higher, row[2], row[3])
         text = label.format(**names)
@@ -434,12 +434,15 @@ def main():
     parser.add_argument("--runs", type=int, default=3)
     parser.add_argument("--scale", type=float, default=1.0)
     parser.add_argument("--work", default="/var/tmp")
+    parser.add_argument("--targets", default=",".join(TARGETS),
+                        help="which of them to run, comma-separated (the table needs all)")
     args = parser.parse_args()
     work = tempfile.mkdtemp(prefix="skarvo-bench-", dir=args.work)
     try:
         archive, entries = make_archive(work)
         targets = [Plain("plain", work), Passthrough(work, args.passthrough),
                    Skarvo(work, args.skarvo), Rclone(work)]
+        targets = [t for t in targets if t.name in args.targets.split(",")]
         runs = {t.name: [] for t in targets}
         for run in range(args.runs):
             for target in targets:
