@@ -1,10 +1,10 @@
 #include "cli/remote_schemes.h"
 
+#include "cli/webdav_loader.h"
+
 #include "remotes/fault_list.h"
 #include "remotes/fault_protocol.h"
 #include "remotes/local_protocol.h"
-#include "remotes/webdav_password.h"
-#include "remotes/webdav_protocol.h"
 
 namespace {
 
@@ -17,38 +17,13 @@ Status OpenLocal(const std::string& location, const RemoteOptions&, OpenedRemote
     return Status::Ok();
 }
 
-// Opens a share and checks it answers, so that a wrong password or an
-// untrusted certificate stops the mount at once with the server's answer.
-Status OpenWebdavShare(bool tls, const std::string& location, const RemoteOptions& options,
-                       OpenedRemote* opened) {
-    WebdavAddress address;
-    if (const Status failed = ParseWebdavAddress(tls, location, &address); !failed.ok()) {
-        return failed;
-    }
-    HttpSettings settings;
-    settings.user = address.user;
-    if (!options.password.empty()) {
-        settings.password = options.password;
-    } else if (const Status failed = LoadWebdavPassword(options.passwordFile, &settings.password);
-               !failed.ok()) {
-        return failed;
-    }
-    settings.insecure = options.insecure;
-    settings.timeoutSeconds = options.timeoutSeconds;
-    settings.log = options.log;
-    auto protocol = std::make_shared<WebdavProtocol>(std::move(address), std::move(settings));
-    if (const Status failed = protocol->Check(); !failed.ok()) return failed;
-    opened->protocol = std::move(protocol);
-    return Status::Ok();
-}
-
 Status OpenWebdav(const std::string& location, const RemoteOptions& options, OpenedRemote* opened) {
-    return OpenWebdavShare(false, location, options, opened);
+    return OpenWebdavRemote(false, location, options, opened);
 }
 
 Status OpenWebdavs(const std::string& location, const RemoteOptions& options,
                    OpenedRemote* opened) {
-    return OpenWebdavShare(true, location, options, opened);
+    return OpenWebdavRemote(true, location, options, opened);
 }
 
 // "FAULTS:REMOTE", with REMOTE parsed as any other remote argument.

@@ -201,6 +201,11 @@ TEST(CliOptionsTest, RemotesGoThroughTheSchemeTable) {
     status = OpenRemote(argument, RemoteOptions(), &missing);
     EXPECT_EQ(missing.protocol, nullptr);
     EXPECT_NE(status.message().find("does not exist"), std::string::npos) << status.message();
+    // The WebDAV module lives beside skarvo, not beside this test.
+    ASSERT_TRUE(ParseRemote("webdav://127.0.0.1:1/dav", &argument).ok());
+    status = OpenRemote(argument, RemoteOptions(), &missing);
+    EXPECT_NE(status.message().find("WebDAV support cannot be loaded"), std::string::npos)
+        << status.message();
 
     TempDir dir;
     status = ParseRemote("local:" + dir.path(), &argument);
