@@ -53,7 +53,7 @@ int Fail(const std::string& line) {
 // points.
 class LibraryVolume : public VolumeControl {
   public:
-    LibraryVolume(std::string mountPoint, ICacheService* cache, UploadEvents* events,
+    LibraryVolume(std::string mountPoint, DiskCache* cache, UploadEvents* events,
                   StopNotice* stopping)
         : mountPoint_(std::move(mountPoint)), cache_(cache), events_(events), stopping_(stopping) {}
 
@@ -92,11 +92,14 @@ class LibraryVolume : public VolumeControl {
     }
     // Measured: after 5,000 files created and deleted, 20 MiB of freed heap
     // stayed resident until returned here.
-    void Tick() override { ReturnFreedMemory(); }
+    void Tick() override {
+        if (cache_ != nullptr) cache_->RemoveDropped();
+        ReturnFreedMemory();
+    }
 
   private:
     const std::string mountPoint_;
-    ICacheService* const cache_;
+    DiskCache* const cache_;
     UploadEvents* const events_;
     StopNotice* const stopping_;
 };

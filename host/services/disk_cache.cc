@@ -132,6 +132,10 @@ DiskCache::~DiskCache() {
 
 namespace {
 
+// Dropped entries that are removed at once, on the queue, without waiting
+// for the host.
+constexpr size_t kDropBatch = 256;
+
 // The names of the data files in `dataDir`, without their ending; removes
 // the temporary files an interrupted save of an older version left.
 std::set<std::string> ScanDataFolder(const std::string& dataDir) {
@@ -244,7 +248,7 @@ AERROR DiskCache::Remove(const char* key) {
 }
 
 void DiskCache::Drop(const std::string& key) {
-    bool start = false;
+    bool queue = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         const auto found = entries_.find(key);
@@ -252,11 +256,13 @@ void DiskCache::Drop(const std::string& key) {
         // A new entry of the key gets another name while this one's files
         // wait: the name stays taken until they are gone.
         found->second->Forget(false);
-        start = dropped_.empty();
         dropped_.push_back(found->second->Name());
         entries_.erase(found);
+        queue = dropped_.size() == kDropBatch;
     }
-    if (!start) return;
+    // The host removes them now and then; a long run of deletes does not
+    // wait for it.
+    if (!queue) return;
     std::weak_ptr<DiskCache> self = weak_from_this();
     const auto run = [self] {
         if (auto cache = self.lock()) cache->RemoveDropped();

@@ -39,8 +39,9 @@ struct DiskCacheOptions {
 // per entry (data/<name>.map), has them imported into the index at start.
 //
 // The entry of a deleted file (noted to belong nowhere) goes when it is
-// closed. When the cache holds more than its limit, closed entries without written
-// data go, least recently used first. Entries holding written data that was
+// closed, its files and row with the next RemoveDropped. When the cache holds
+// more than its limit, closed entries without written data go, least recently
+// used first. Entries holding written data that was
 // not committed are never evicted; the cache grows past its limit for them
 // and logs a warning. When the folder's disk is full, a write first evicts
 // closed clean entries to make room and is tried once more; if it still does
@@ -99,6 +100,10 @@ class DiskCache : public ICacheService, public std::enable_shared_from_this<Disk
     };
     // Every such entry, by key.
     std::vector<Unsent> UnsentEntries() const;
+    // Deletes the data files and rows of the entries of deleted files, in
+    // one transaction. The host calls it now and then (skarvo: once a
+    // second); the cache calls it itself when many wait, and at the end.
+    void RemoveDropped();
 
   private:
     DiskCache(std::string dir, uint64_t maxBytes, std::shared_ptr<CacheContext> context,
@@ -112,12 +117,9 @@ class DiskCache : public ICacheService, public std::enable_shared_from_this<Disk
     // leaves a row it cannot use alone.
     void RestoreEntryLocked(const EntryRecord& record, const std::set<std::string>& dataFiles,
                             std::vector<std::string>* dropped);
-    // Forgets the closed entry of `key` at once and deletes its files and row
-    // soon after, on the queue: a deleted file's unlink does not wait for
-    // them.
+    // Forgets the closed entry of `key` at once, and its files and row with
+    // the next RemoveDropped: a deleted file's unlink does not wait for them.
     void Drop(const std::string& key);
-    // Deletes the files and rows of the dropped entries, in one transaction.
-    void RemoveDropped();
     void Trim(bool released);
     // Evicts closed clean entries, least recently used first, until about
     // `bytes` were freed; true when any went.
