@@ -7,10 +7,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <string>
-#include <vector>
+#include <unordered_map>
 
+// Every operation takes constant time on average, however many changes the
+// window holds: thousands of files created in a few seconds are common.
 class OwnChanges {
   public:
     using Clock = std::chrono::steady_clock;
@@ -26,15 +29,26 @@ class OwnChanges {
 
   private:
     struct Entry {
-        std::string key;
         uint32_t mask = 0;
-        bool subtree = false;
         Clock::time_point expires;
     };
+    using Entries = std::unordered_map<std::string, Entry>;
+
+    // Forgets what expired before `now`.
+    void ExpireLocked(Clock::time_point now);
 
     const Clock::duration window_;
     std::mutex mutex_;
-    std::vector<Entry> entries_;
+    Entries items_;     // by key
+    Entries subtrees_;  // by key of the folder whose whole subtree counts
+    // Each announcement's expiry, oldest first. An entry announced again
+    // expires with its last announcement.
+    struct Expiry {
+        Clock::time_point expires;
+        std::string key;
+        bool subtree;
+    };
+    std::deque<Expiry> expiries_;
 };
 
 #endif  // SKARVO_REMOTES_OWN_CHANGES_H_
