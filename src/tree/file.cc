@@ -43,6 +43,7 @@ File::File(std::shared_ptr<IProtocol_V2> protocol, IFileSystemInternal* fs, IFSC
       fileSystem_(fs),
       serial_(gn.fetch_add(1) + 1) {
     parent_.Set(parent, nullptr);
+    if (parent == nullptr) hashes_ = std::make_unique<KeyIndex>();
     children_.map.max_load_factor(1.0);
     if (protocol_ && (protocol_->GetCapabilities() & PROTOCOL_CAP_SERVER_TIME_OFFSET) != 0) {
         serverTime_.fromServer = AdjustServerTimeOffset;
@@ -138,20 +139,22 @@ std::string File::RemoteKey() const {
     return remoteKey_;
 }
 
+// A node that has left the tree finds itself as the root, without an index:
+// what it would index there could never be reported.
 void File::AddHash(const std::string& key, std::shared_ptr<File> file) {
-    hashes_.Add(key, std::move(file));
+    if (hashes_) hashes_->Add(key, std::move(file));
 }
 
 void File::RemoveHash(const std::string& key) {
-    hashes_.Remove(key);
+    if (hashes_) hashes_->Remove(key);
 }
 
 std::shared_ptr<File> File::FindHash(const std::string& key) {
-    return hashes_.Find(key);
+    return hashes_ ? hashes_->Find(key) : nullptr;
 }
 
 void File::ClearHashForChanges() {
-    hashes_.Clear();
+    if (hashes_) hashes_->Clear();
 }
 
 void File::IndexForChanges(const std::shared_ptr<File>& node) {

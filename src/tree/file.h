@@ -392,8 +392,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
         // map.size(), readable without the lock.
         std::atomic<size_t> count{0};
     } children_;
-    // On a protocol's root: nodes by remote key, for change reports.
-    KeyIndex hashes_;
+    // On the volume's root (made without a parent) only: nodes by remote
+    // key, for change reports. Other nodes do without its 96 bytes.
+    std::unique_ptr<KeyIndex> hashes_;
     // The parent, held for as long as the node lives.
     ParentLink parent_;
     INotifier* notifier_;
