@@ -252,10 +252,15 @@ AERROR CacheEntry::CheckVersion(const std::string& version) {
     if (forgotten_) return CACHE_NOT_OPENED;
     // "" names no version, so it never matches, not even an unknown one.
     if (!version.empty() && version == cleanVersion_) return SUCCESS;
-    DropBlocksLocked(BlockState::kFetched);
-    ++generation_;  // fetches under way bring the old content
+    // The version itself reaches the index with the row's next save (a close
+    // at the latest): one lost in a crash only costs fetching again. Every
+    // file created or first opened passes here, so nothing is saved for it
+    // unless blocks go.
     cleanVersion_ = version;
     dirty_ = true;
+    ++generation_;  // fetches under way bring the old content
+    if (!map_.AnyFrom(0, BlockState::kFetched)) return SUCCESS;
+    DropBlocksLocked(BlockState::kFetched);
     UpdateUsageLocked();
     return SaveLocked(false);
 }
@@ -264,8 +269,8 @@ AERROR CacheEntry::SetVersion(const std::string& version) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (forgotten_) return CACHE_NOT_OPENED;
     cleanVersion_ = version;
-    dirty_ = true;
-    return SaveLocked(false);
+    dirty_ = true;  // saved with the row's next save, as in CheckVersion
+    return SUCCESS;
 }
 
 AERROR CacheEntry::Commit() {
