@@ -1,7 +1,9 @@
 // Browsing a file system without the kernel: records and attributes, path
 // resolution over protocols, listings and their refresh, quotas.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <set>
 #include <thread>
 
@@ -40,6 +42,20 @@ class HoldingQueue : public IAsyncQ {
   private:
     std::mutex mutex_;
     std::vector<std::pair<IAsyncObj*, void*>> held_;
+};
+
+// A protocol that runs `afterList` once, when it has read the folder "/dir"
+// and before that listing returns.
+class HookedListProtocol : public TestRemote {
+  public:
+    AERROR ListFolder(const char* key, IFileList* sink, void** cookie) override {
+        const AERROR result = TestRemote::ListFolder(key, sink, cookie);
+        std::function<void()> hook;
+        if (std::string(key) == "/dir") hook.swap(afterList);
+        if (hook) hook();
+        return result;
+    }
+    std::function<void()> afterList;
 };
 
 // A protocol whose listings also carry records a server should never send.
@@ -170,6 +186,39 @@ TEST_F(BrowseTest, ListingIsSynchronousFirstThenRefreshedInTheBackground) {
     EXPECT_GE(queue.RunAll(), 1u);
     names = List("/dir");
     EXPECT_TRUE(names.count("new.txt") && names.count(".ql_disablecache"));
+}
+
+// A refresh knows only what the remote held when it read the folder: a file
+// whose upload landed after that is kept, not dropped as unseen.
+TEST_F(BrowseTest, ARefreshKeepsAFileStoredWhileItRan) {
+    auto protocol = std::make_shared<HookedListProtocol>();
+    protocol->AddFolder("/dir");
+    ASSERT_EQ(fs_->AddProtocol(protocol, "remote"), SUCCESS);
+    ASSERT_EQ(fs_->SetConfiguration(R"({"fs": {"fetch": {"async": "100"}}})"), SUCCESS);
+    List("/dir");
+    protocol->Pause(Op::UploadItem);
+    unsigned long long handle = 0;
+    ASSERT_EQ(fs_->Create("/dir/c.txt", 0644, O_WRONLY, handle, nullptr, "test"), 0);
+    ASSERT_EQ(fs_->Write(handle, "c", 1, 0, nullptr, "test"), 1);
+    const auto node = Node("/dir/c.txt");
+    ASSERT_NE(node, nullptr);
+    // Without a queue the upload runs, and is held, on the closing thread.
+    std::thread closer([&] { fs_->Release(handle, nullptr, "test"); });
+    EXPECT_TRUE(protocol->WaitForPaused(Op::UploadItem, 1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    HoldingQueue queue;
+    FS_BindAsyncQ(&queue);
+    List("/dir");  // queues the refresh
+    // The upload lands after the refresh read the folder, before it merges.
+    protocol->afterList = [&] {
+        protocol->Resume(Op::UploadItem);
+        for (int i = 0; i < 1000 && node->Key().empty(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    };
+    EXPECT_GE(queue.RunAll(), 1u);
+    closer.join();
+    EXPECT_FALSE(node->Key().empty());
+    EXPECT_TRUE(List("/dir").count("c.txt"));
 }
 
 TEST_F(BrowseTest, AFailedListingLeavesTheTreeAndIsReportedOnce) {

@@ -25,6 +25,7 @@
 #include "tree/file_handles.h"
 #include "tree/file_records.h"
 #include "tree/key_index.h"
+#include "tree/listed_child.h"
 #include "tree/listing_state.h"
 
 class FindFiles;
@@ -196,18 +197,17 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // ".", "..", then one entry per child, named as the server spells it.
     AERROR readdir(std::shared_ptr<File> self, std::list<FS_DIR_ENTRY>& out);
     static bool IsUtf8(const char* text);
-    // Stops this folder from being listed (folders that exist only locally).
-
     // Applies a fresh record of the remote item to the node; with
     // `sameContent` (a rename or move) the cached data stays as it is.
     void Update(const _FS_FILE_V2* record, bool sameContent, bool);
 
     // For the listing job: a node for `record` with this folder as parent,
     // not yet in the tree; the folder's children; the merge of a completed
-    // listing; and the end of a listing job.
+    // listing, with the children it did not report; and the end of a
+    // listing job.
     std::shared_ptr<File> NewChild(const _FS_FILE_V2* record);
-    void CopyChildren(Children& out);
-    void MergeListing(const Children& added, const Children& unseen);
+    void CopyChildren(ListedChildren& out);
+    void MergeListing(const Children& added, const ListedChildren& unseen);
     void ListingDone(FindFiles* job);
 
     // File data. `mode` is 'r' or 'w'; `handle` receives the new handle.

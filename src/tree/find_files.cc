@@ -18,7 +18,7 @@ AERROR FindFiles::AddFile(const _FS_FILE_V2* record) {
     const std::string folded = FoldName(record->name);
     auto known = unseen_.find(folded);
     if (known != unseen_.end()) {
-        known->second->Update(record, false, false);
+        known->second.node->Update(record, false, false);
         unseen_.erase(known);
         return SUCCESS;
     }

@@ -8,6 +8,7 @@
 
 #include "libfilesystem/async.h"
 #include "libfilesystem/protocol.h"
+#include "tree/listed_child.h"
 
 class File;
 
@@ -40,8 +41,8 @@ class FindFiles : public IFileList,
 
     std::shared_ptr<File> folder_;
     bool reportsChanges_ = false;
-    Nodes unseen_;  // children the listing has not reported yet
-    Nodes added_;   // nodes made for names the folder did not have
+    ListedChildren unseen_;  // children the listing has not reported yet
+    Nodes added_;            // nodes made for names the folder did not have
     AERROR result_ = SUCCESS;
     bool background_ = false;
 };

@@ -73,12 +73,15 @@ void File::MarkListed() {
     listing_.Stamp();
 }
 
-void File::CopyChildren(Children& out) {
+void File::CopyChildren(ListedChildren& out) {
     std::lock_guard<std::recursive_mutex> lock(children_.lock);
-    out = children_.map;
+    out.clear();
+    out.reserve(children_.map.size());
+    for (const auto& [folded, node] : children_.map)
+        out.emplace(folded, ListedChild{node, node->Key()});
 }
 
-void File::MergeListing(const Children& added, const Children& unseen) {
+void File::MergeListing(const Children& added, const ListedChildren& unseen) {
     std::vector<std::shared_ptr<File>> inserted;
     {
         std::lock_guard<std::recursive_mutex> lock(children_.lock);
@@ -86,10 +89,16 @@ void File::MergeListing(const Children& added, const Children& unseen) {
             if (children_.map.emplace(folded, node).second) inserted.push_back(node);
         }
         children_.count = children_.map.size();
-        // Nodes that were never stored remotely (no key) are local only, like
-        // the marker files: a listing cannot know them.
-        for (const auto& [folded, node] : unseen) {
-            if (node->Key().empty()) continue;
+        // A listing vouches only for items that were stored remotely before it
+        // began and still are the same items. Nodes without a key are local
+        // only, like the marker files; one whose upload landed, or that was
+        // renamed or moved, while the listing ran may be missing from it
+        // though the remote has it.
+        for (const auto& [folded, child] : unseen) {
+            const std::shared_ptr<File>& node = child.node;
+            if (child.key.empty() || node->Key() != child.key) continue;
+            const auto current = children_.map.find(folded);
+            if (current == children_.map.end() || current->second != node) continue;
             if (auto removed = RemoveChild(node->Name().c_str(), false)) removed->Detach();
         }
         if (fileState_.load() == FILE_STATE_LISTED) {
