@@ -35,7 +35,8 @@ struct LoadedModule {
 
 LoadedModule Load() {
     LoadedModule loaded;
-    for (const std::string& path : ModulePaths()) {
+    const std::vector<std::string> paths = ModulePaths();
+    for (const std::string& path : paths) {
         if (access(path.c_str(), F_OK) != 0) continue;
         void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (handle == nullptr) {
@@ -46,7 +47,7 @@ LoadedModule Load() {
         if (loaded.open == nullptr) loaded.error = path + " has no entry point";
         return loaded;
     }
-    loaded.error = ModulePaths().back() + " is missing";
+    loaded.error = paths.back() + " is missing";
     return loaded;
 }
 

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cstring>
 #include <utility>
 
 #include "remotes/fault_source.h"

@@ -59,8 +59,9 @@ class DiskCache : public ICacheService, public std::enable_shared_from_this<Disk
     // Opens, or creates, the cache in `dir`, restores what it held and puts
     // it in *created. Fails, saying why, when the folder cannot be used,
     // among others when another process (or another cache in this one) uses
-    // it. `queue` runs read-ahead (none without it) and must outlive the
-    // cache; `log` may be null.
+    // it. `queue` runs read-ahead (none without it) and large batches of
+    // RemoveDropped (inline without it), and must outlive the cache; `log`
+    // may be null.
     static Status Create(const std::string& dir, uint64_t maxBytes, IAsyncQ* queue, ILog* log,
                          std::shared_ptr<DiskCache>* created,
                          const DiskCacheOptions& options = DiskCacheOptions());

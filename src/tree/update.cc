@@ -19,8 +19,7 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
     std::shared_ptr<ICacheObj> cacheObject;
     std::string oldKey;
     std::string extra;
-    std::string version;  // of the remote content, for the cache
-    bool localWriter;
+    std::string version;  // of the remote content, for a cache object; "": unknown
     {
         std::lock_guard<std::mutex> lock(dataMutex_);
         auto current = Info();
@@ -37,7 +36,7 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
 
         auto next = std::make_shared<_FS_FILE_EXT>();
         *next = copy;
-        localWriter = IsModified() || IsUploading() || handles_.ExistWriteHandle();
+        const bool localWriter = IsModified() || IsUploading() || handles_.ExistWriteHandle();
         if (localWriter) {
             // The local change stays based on the version it started from.
             next->size = current->size;
@@ -54,13 +53,15 @@ void File::Update(const _FS_FILE_V2* record, bool sameContent, bool) {
         cacheObject = content_.CacheObject();
         oldKey = content_.CacheKey();
         extra = next->extra;
-        version = next->ContentVersion();
+        // A local writer keeps the node's record at the version it started
+        // from, so the remote's new one is not named.
+        if (contentChanged && cacheObject && !localWriter) version = next->ContentVersion();
     }
     // Change reports name the item by its new key from now on.
     if (rekeyed) IndexForChanges(shared_from_this());
     if (contentChanged) {
         if (cacheObject) {
-            cacheObject->CheckVersion(localWriter ? "" : version.c_str());
+            cacheObject->CheckVersion(version.c_str());
             cacheObject->Reopen('r', Info()->size, this);
         } else {
             content_.MarkStale();
