@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "api/mount_manager.h"
+#include "export/forget_gate.h"
 #include "libfilesystem/libfilesystem.h"
 #include "services/job_queue.h"
 #include "support/disk_test_cache.h"
@@ -370,6 +371,47 @@ TEST_F(VolumeKernelTest, UnmountWaitsForUploadsUnlessForced) {
     // The four workers returned to the queue.
     queue_.Drain();
     EXPECT_TRUE(WaitUntil([&] { return queue_.RunningCount() == 0; }));
+}
+
+// FORGETs run only between requests, in arrival order, and no request starts
+// while they run: libfuse frees path-locked nodes otherwise.
+TEST(ForgetGateTest, ForgetsRunAloneAndInOrder) {
+    std::mutex mutex;
+    std::vector<std::string> ran;
+    std::atomic<int> inRequest{0}, inForget{0};
+    std::atomic<bool> release{false};
+    ForgetGate gate([&](const ForgetGate::Message& m) {
+        EXPECT_EQ(inRequest.load(), 0);
+        ++inForget;
+        if (m[0] == 'c') std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::lock_guard<std::mutex> lock(mutex);
+        ran.emplace_back(m.begin(), m.end());
+        --inForget;
+    });
+    std::thread busy([&] {
+        gate.Request([&] {
+            ++inRequest;
+            while (!release)
+                std::this_thread::yield();
+            --inRequest;
+        });
+    });
+    ASSERT_TRUE(WaitUntil([&] { return inRequest.load() == 1; }));
+    gate.Forget("a", 1);
+    gate.Forget("b", 1);
+    EXPECT_TRUE(ran.empty());
+    release = true;
+    busy.join();
+    EXPECT_EQ(ran, (std::vector<std::string>{"a", "b"}));
+
+    std::thread forgetting([&] { gate.Forget("c", 1); });
+    ASSERT_TRUE(WaitUntil([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return inForget.load() == 1 || ran.size() == 3;
+    }));
+    gate.Request([&] { EXPECT_EQ(inForget.load(), 0); });
+    forgetting.join();
+    EXPECT_EQ(ran.size(), 3u);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 
 #include "export/mount_arguments.h"
 #include "export/process_names.h"
+#include "export/session_loop.h"
 #include "foundation/string_utils.h"
 #include "fs/filesystem_interfaces.h"
 #include "libfilesystem/unique_fd.h"
@@ -272,7 +273,11 @@ int ExportServiceFUSE::Mount(MountParameter& parameter) {
 void ExportServiceFUSE::Wait() {
     fuse* handle = fuse_;
     if (handle == nullptr) return;
+#ifdef __APPLE__
     fuse_loop_mt(handle);
+#else
+    ServeSession(fuse_get_session(handle));
+#endif
     // The kernel dropped the volume (Unmount, or an unmount from a shell).
     // Release the channel, then destroy the FUSE object: that runs the
     // destroy callback, which starts the teardown of the mount.
