@@ -380,12 +380,12 @@ TEST(ForgetGateTest, ForgetsRunAloneAndInOrder) {
     std::vector<std::string> ran;
     std::atomic<int> inRequest{0}, inForget{0};
     std::atomic<bool> release{false};
-    ForgetGate gate([&](const ForgetGate::Message& m) {
+    ForgetGate gate([&](const char* data, size_t size) {
         EXPECT_EQ(inRequest.load(), 0);
         ++inForget;
-        if (m[0] == 'c') std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (data[0] == 'c') std::this_thread::sleep_for(std::chrono::milliseconds(50));
         std::lock_guard<std::mutex> lock(mutex);
-        ran.emplace_back(m.begin(), m.end());
+        ran.emplace_back(data, size);
         --inForget;
     });
     std::thread busy([&] {

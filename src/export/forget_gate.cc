@@ -2,8 +2,7 @@
 
 #include <utility>
 
-ForgetGate::ForgetGate(std::function<void(const Message&)> run, size_t backlog)
-    : run_(std::move(run)), limit_(backlog) {}
+ForgetGate::ForgetGate(Run run, size_t backlog) : run_(std::move(run)), limit_(backlog) {}
 
 void ForgetGate::Request(const std::function<void()>& process) {
     {
@@ -18,8 +17,17 @@ void ForgetGate::Request(const std::function<void()>& process) {
 
 void ForgetGate::Forget(const char* data, size_t size) {
     std::unique_lock<std::mutex> lock(mutex_);
-    backlog_.emplace_back(data, data + size);
-    if (active_ == 0 && !forgetting_) RunBacklog(lock);
+    if (active_ > 0 || forgetting_) {
+        backlog_.emplace_back(data, data + size);
+        return;
+    }
+    // Nothing else runs: handle it from the reader's buffer, then whatever
+    // arrived meanwhile.
+    forgetting_ = true;
+    lock.unlock();
+    run_(data, size);
+    lock.lock();
+    RunBacklog(lock);
 }
 
 void ForgetGate::RunBacklog(std::unique_lock<std::mutex>& lock) {
@@ -29,7 +37,7 @@ void ForgetGate::RunBacklog(std::unique_lock<std::mutex>& lock) {
         batch.swap(backlog_);
         lock.unlock();
         for (const Message& message : batch)
-            run_(message);
+            run_(message.data(), message.size());
         lock.lock();
     }
     forgetting_ = false;

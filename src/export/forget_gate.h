@@ -25,17 +25,17 @@
 // is full, new requests wait until it has run.
 class ForgetGate {
   public:
-    using Message = std::vector<char>;
-
     // `run` handles one FORGET message; it is called with no lock held.
-    explicit ForgetGate(std::function<void(const Message&)> run, size_t backlog = 256);
+    using Run = std::function<void(const char* data, size_t size)>;
+
+    explicit ForgetGate(Run run, size_t backlog = 256);
 
     // Handles a request other than a FORGET with `process`, after any
     // FORGETs being run have ended.
     void Request(const std::function<void()>& process);
 
-    // Takes a FORGET message (copied): runs it now if nothing else is being
-    // processed, or leaves it to the last request in progress.
+    // Takes a FORGET message: runs it now if nothing else is being processed,
+    // or keeps a copy for the last request in progress to run.
     void Forget(const char* data, size_t size);
 
   private:
@@ -43,7 +43,9 @@ class ForgetGate {
     // on return, and is released while messages run.
     void RunBacklog(std::unique_lock<std::mutex>& lock);
 
-    const std::function<void(const Message&)> run_;
+    using Message = std::vector<char>;
+
+    const Run run_;
     const size_t limit_;
     std::mutex mutex_;
     std::condition_variable idle_;

@@ -39,10 +39,10 @@ struct Loop {
     bool failed = false;        // guarded by mutex
 
     Loop(fuse_session* s, fuse_chan* c)
-        : session(s), channel(c), gate([this](const ForgetGate::Message& message) {
+        : session(s), channel(c), gate([this](const char* data, size_t size) {
               fuse_buf buf{};
-              buf.size = message.size();
-              buf.mem = const_cast<char*>(message.data());
+              buf.size = size;
+              buf.mem = const_cast<char*>(data);
               fuse_session_process_buf(session, &buf, channel);
           }) {}
 };
