@@ -1,7 +1,9 @@
 // Namespace changes on nodes and remote changes reported by a protocol.
 #include <algorithm>
 #include <filesystem>
+#include <future>
 #include <set>
+#include <thread>
 
 #include "support/volume_fixture.h"
 
@@ -149,6 +151,32 @@ TEST_F(NamespaceTest, AMoveRemovesRenamesThenAddsInThatOrder) {
     EXPECT_EQ(events_->Errors().back().kind, FSEVENT_MOVE_FAILED);
     EXPECT_EQ(sub->MoveFile(sub, other, ""), SUCCESS);
     EXPECT_TRUE(Node("/other/sub/deep.txt"));
+}
+
+// A folder rename holds the volume's place gate while it changes its parent's
+// children; a move into that parent must not hold the parent while it waits
+// for the gate.
+TEST_F(NamespaceTest, AFolderRenameAndAMoveIntoItsParentBothEnd) {
+    protocol_->AddFile("/other/x.txt", "x");
+    ASSERT_TRUE(Node("/other/x.txt"));
+    protocol_->Pause(Op::RenameItem);
+    auto rename =
+        std::async(std::launch::async, [&] { return fs_->Rename("/docs", "/Docs", "mv"); });
+    ASSERT_TRUE(protocol_->WaitForPaused(Op::RenameItem, 1));
+    auto move =
+        std::async(std::launch::async, [&] { return fs_->Rename("/other/x.txt", "/x.txt", "mv"); });
+    // Long enough for the move to reach the gate.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    protocol_->Resume(Op::RenameItem);
+    for (auto* done : {&rename, &move}) {
+        if (done->wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+            ADD_FAILURE() << "the rename and the move wait for each other";
+            std::abort();  // the blocked threads cannot be joined
+        }
+        EXPECT_EQ(done->get(), 0);
+    }
+    EXPECT_TRUE(protocol_->Exists("/Docs/sub/deep.txt"));
+    EXPECT_EQ(protocol_->Contents("/x.txt"), "x");
 }
 
 class RemoteChangesTest : public NamespaceTest {

@@ -306,10 +306,6 @@ int FileSystem::Rename(const char* from, const char* to, std::string process) {
     if (result != SUCCESS) {
         refusal = ErrnoFor(result);
     } else if (refusal == 0 && plan.sourceDir != plan.destinationDir) {
-        // Both folders' locks, taken together: in a fixed order, two
-        // opposite moves between the same folders could deadlock.
-        std::scoped_lock folders(*plan.sourceDir->GetChildLock(),
-                                 *plan.destinationDir->GetChildLock());
         result = plan.source->MoveFile(plan.source, plan.destinationDir, plan.newName);
     } else if (refusal == 0) {
         result = plan.sourceDir->RenameFile(plan.source, plan.newName, process);

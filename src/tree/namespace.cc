@@ -326,10 +326,18 @@ AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParen
     }
     // Uploads queued or running are kept and not waited for: they store the
     // data in the new place.
+    //
+    // The locks go in the order a rename in place takes them: the node's
+    // place, the volume's place gate, then folders. A move that held its
+    // folders while it waited for the gate would deadlock with a folder
+    // rename that holds the gate and waits for a folder below it.
     std::lock_guard<std::mutex> place(placeLock_);
     // A file moves and renames in several calls, a folder changes the keys
     // below it: see PlaceGate.
     SharedHold gate(PlaceGate(), IsFolder());
+    // Both folders' locks are taken together: in a fixed order, two
+    // opposite moves between the same folders could deadlock.
+    std::scoped_lock folders(*Parent()->GetChildLock(), *newParent->GetChildLock());
     const std::string oldName = Name();
     _FS_FILE_V2 record(*Info());
     AERROR result = MoveRemote(newParent, finalName != oldName, record);
