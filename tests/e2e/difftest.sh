@@ -10,7 +10,9 @@
 # retried without end); the faults are switched off before the checks, which
 # start once skarvo status says that everything is on the remote;
 # --save-dir keeps each shrunk failing sequence there; DIFFTEST_SHRINK_SECONDS
-# bounds the shrinking of each failure (default 120). Needs root and
+# bounds the shrinking of each failure (default 120). A stress run whose
+# volume stops answering prints where skarvo's threads wait (through gdb,
+# when it is installed), so that a hang seen once can be read. Needs root and
 # /dev/fuse; exits 77 (skipped) without them.
 set -u
 
@@ -165,6 +167,16 @@ run_replays() {
   done
 }
 
+# Prints where every thread of a hung skarvo waits, then kills it.
+hung_stacks() {
+  if command -v gdb >/dev/null; then
+    timeout 60 gdb -p "$PID" -batch -ex "thread apply all bt" 2>/dev/null |
+      grep -E '^(Thread|#)' | head -${DIFFTEST_STACK_LINES:-400}
+  fi
+  kill -KILL "$PID"
+  PID=
+}
+
 run_stress() {
   fresh
   up || return
@@ -172,7 +184,12 @@ run_stress() {
   tester "stress, $WORKERS workers, $SECONDS_ s" --stress "$WORKERS" --seconds "$SECONDS_" \
     --shared "$MNT/shared" --seed "${SEEDS%% *}" "${AVOID[@]}"
   # The volume's last state, without the marker files, against the remote.
-  cp -a "$MNT" "$WORK/snapshot" || fail "stress: the volume cannot be copied"
+  timeout -s KILL 120 cp -a "$MNT" "$WORK/snapshot"
+  case $? in
+    0) ;;
+    137) fail "stress: the volume does not answer"; hung_stacks; return ;;
+    *) fail "stress: the volume cannot be copied" ;;
+  esac
   find "$WORK/snapshot" -name '.ql_disable*' -delete
   down
   same_trees "stress: the remote folder differs from the volume's last state" \
