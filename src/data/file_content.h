@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "data/async_job.h"
+#include "foundation/lazy_part.h"
 #include "libfilesystem/cache.h"
 
 // Where the content of a file stands with respect to its upload.
@@ -82,7 +83,7 @@ class FileContent {
     // mark the node; an upload that succeeded holds it exclusive while it
     // checks the generation, commits the cache and clears the mark, so that
     // no change can slip between the check and the clearing.
-    std::shared_mutex& Lock() { return contentLock_; }
+    std::shared_mutex& Lock() { return active_.Get().contentLock; }
 
     // The job queue. At most one job runs at a time.
     void Queue(std::shared_ptr<_ASYNCJOB> job);
@@ -108,26 +109,32 @@ class FileContent {
     bool HasJobs() const;
 
   private:
-    mutable std::mutex dataMutex_;
-    std::shared_ptr<ICacheObj> cacheObject_;  // guarded by dataMutex_
-    std::string cacheKey_;                    // guarded by dataMutex_
-    int64_t fetchableSize_ = 0;               // guarded by dataMutex_
+    // What only a file that is opened, written or uploaded needs. It is made
+    // at the first such use, so that the many nodes a listing makes do
+    // without its 330 bytes.
+    struct Active {
+        mutable std::mutex dataMutex;
+        std::shared_ptr<ICacheObj> cacheObject;  // guarded by dataMutex
+        std::string cacheKey;                    // guarded by dataMutex
+        mutable std::mutex pipeMutex;
+        std::shared_ptr<ICacheIO> streamingPipe;  // guarded by pipeMutex
+        std::shared_mutex contentLock;
+        mutable std::mutex jobLock;
+        // A list, not a deque: an empty deque already holds a 512-byte block.
+        std::list<std::shared_ptr<_ASYNCJOB>> jobs;  // guarded by jobLock
+        std::shared_ptr<_ASYNCJOB> runningJob;       // guarded by jobLock
+        std::condition_variable jobsDone;
+    };
+
+    LazyPart<Active> active_;
+    std::atomic<int64_t> fetchableSize_{0};
     // The cache service may hold clean data of an older remote version of
     // this file (from before this node existed, or from before a remote
     // change seen while no cache object was open).
     std::atomic<bool> cacheStale_{true};
     std::atomic<uint8_t> modified_{0};
     std::atomic<UploadState> uploadState_{UploadState::Opened};
-    mutable std::mutex pipeMutex_;
-    std::shared_ptr<ICacheIO> streamingPipe_;  // guarded by pipeMutex_
     std::atomic<uint64_t> writeGeneration_{0};
-    std::shared_mutex contentLock_;
-    mutable std::mutex jobLock_;
-    // A list, not a deque: an empty deque already holds a 512-byte block,
-    // and every node of the tree has a queue that is empty nearly always.
-    std::list<std::shared_ptr<_ASYNCJOB>> jobs_;  // guarded by jobLock_
-    std::shared_ptr<_ASYNCJOB> runningJob_;       // guarded by jobLock_
-    std::condition_variable jobsDone_;
 };
 
 #endif  // LIBFS_DATA_FILE_CONTENT_H_

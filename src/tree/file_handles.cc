@@ -13,16 +13,13 @@ std::string NodePath(const std::shared_ptr<File>& file) {
 
 }  // namespace
 
-FileHandles::FileHandles() {
-    handles_.max_load_factor(1.0);
-}
-
 std::shared_ptr<_FS_HANDLE_EXT> FileHandles::Open(std::shared_ptr<File> file, uint32_t mode) {
     auto record = std::shared_ptr<_FS_HANDLE_EXT>(NewHandle());
     record->mode = mode;
     record->file = std::move(file);
-    std::lock_guard<std::mutex> lock(lock_);
-    handles_[record.get()] = record;
+    Table& table = table_.Get();
+    std::lock_guard<std::mutex> lock(table.lock);
+    table.handles[record.get()] = record;
     return record;
 }
 
@@ -53,7 +50,8 @@ void FileHandles::CopyOwner(_FS_HANDLE_EXT& to, const _FS_HANDLE_EXT& from) {
 
 std::shared_ptr<_FS_HANDLE_EXT> FileHandles::DupHandle(std::shared_ptr<_FS_HANDLE_EXT> source) {
     if (!source) return nullptr;
-    std::lock_guard<std::mutex> lock(lock_);
+    Table& table = table_.Get();
+    std::lock_guard<std::mutex> lock(table.lock);
     auto copy = std::shared_ptr<_FS_HANDLE_EXT>(NewHandle());
     copy->mode = source->mode;
     CopyOwner(*copy, *source);
@@ -70,20 +68,24 @@ std::shared_ptr<_FS_HANDLE_EXT> FileHandles::DupHandle(std::shared_ptr<_FS_HANDL
         __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] Increase WriteCount %s, %d",
                  NodePath(source->file).c_str(), static_cast<int>(count));
     }
-    handles_[copy.get()] = source;
+    table.handles[copy.get()] = source;
     return copy;
 }
 
 std::shared_ptr<_FS_HANDLE_EXT> FileHandles::GetHandle(void* key) {
-    std::lock_guard<std::mutex> lock(lock_);
-    auto it = handles_.find(key);
-    return it == handles_.end() ? nullptr : it->second;
+    Table* table = table_.Peek();
+    if (table == nullptr) return nullptr;
+    std::lock_guard<std::mutex> lock(table->lock);
+    auto it = table->handles.find(key);
+    return it == table->handles.end() ? nullptr : it->second;
 }
 
 bool FileHandles::CloseHandle(void* key) {
-    std::lock_guard<std::mutex> lock(lock_);
-    auto it = handles_.find(key);
-    if (it == handles_.end()) return false;
+    Table* table = table_.Peek();
+    if (table == nullptr) return false;
+    std::lock_guard<std::mutex> lock(table->lock);
+    auto it = table->handles.find(key);
+    if (it == table->handles.end()) return false;
     const auto& record = it->second;
     record->state = HANDLE_STATE_CLOSED;
     if (record->mode == HANDLE_MODE_WRITE) {
@@ -91,16 +93,18 @@ bool FileHandles::CloseHandle(void* key) {
         __LOG__A(CurrentLogger(), LL_DEBUG, "[FILESYSTEM] Decrease WriteCount %s, %d",
                  NodePath(record->file).c_str(), static_cast<int>(count));
     }
-    handles_.erase(it);
+    table->handles.erase(it);
     return true;
 }
 
 void FileHandles::CloseAllHandles() {
+    Table* table = table_.Peek();
+    if (table == nullptr) return;
     std::vector<void*> keys;
     {
-        std::lock_guard<std::mutex> lock(lock_);
-        keys.reserve(handles_.size());
-        for (const auto& entry : handles_)
+        std::lock_guard<std::mutex> lock(table->lock);
+        keys.reserve(table->handles.size());
+        for (const auto& entry : table->handles)
             keys.push_back(entry.first);
     }
     for (void* key : keys)
@@ -108,17 +112,21 @@ void FileHandles::CloseAllHandles() {
 }
 
 int FileHandles::CountExcept(const std::string& process) {
-    std::lock_guard<std::mutex> lock(lock_);
+    Table* table = table_.Peek();
+    if (table == nullptr) return 0;
+    std::lock_guard<std::mutex> lock(table->lock);
     int count = 0;
-    for (const auto& entry : handles_) {
+    for (const auto& entry : table->handles) {
         if (entry.second->process != process) ++count;
     }
     return count;
 }
 
 bool FileHandles::HasAnyOpened() {
-    std::lock_guard<std::mutex> lock(lock_);
-    for (const auto& entry : handles_) {
+    Table* table = table_.Peek();
+    if (table == nullptr) return false;
+    std::lock_guard<std::mutex> lock(table->lock);
+    for (const auto& entry : table->handles) {
         if (entry.second->IsOpen()) return true;
     }
     return false;

@@ -9,6 +9,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "foundation/lazy_part.h"
 #include "libfilesystem/handle.h"
 
 class File;
@@ -27,8 +28,6 @@ struct _FS_HANDLE_EXT : _FS_HANDLE {
 // A node's table of open handles, keyed by the address of each record.
 class FileHandles {
   public:
-    FileHandles();
-
     std::shared_ptr<_FS_HANDLE_EXT> OpenHandleRead(std::shared_ptr<File> file);
     std::shared_ptr<_FS_HANDLE_EXT> OpenHandleWrite(std::shared_ptr<File> file);
     // A fresh record owned by the caller, not entered in the table.
@@ -53,8 +52,15 @@ class FileHandles {
   private:
     std::shared_ptr<_FS_HANDLE_EXT> Open(std::shared_ptr<File> file, uint32_t mode);
 
-    std::mutex lock_;
-    std::unordered_map<void*, std::shared_ptr<_FS_HANDLE_EXT>> handles_;
+    // The records, made at the node's first open: most nodes are never
+    // opened.
+    struct Table {
+        Table() { handles.max_load_factor(1.0); }
+        std::mutex lock;
+        std::unordered_map<void*, std::shared_ptr<_FS_HANDLE_EXT>> handles;  // guarded by lock
+    };
+
+    LazyPart<Table> table_;
     std::atomic<uint64_t> writeCount_{0};
 };
 
