@@ -16,6 +16,7 @@
 #include "cli/options.h"
 #include "cli/status_command.h"
 #include "cli/unmount_command.h"
+#include "common/freed_memory.h"
 
 #ifndef SKARVO_VERSION
 #define SKARVO_VERSION "unknown"
@@ -51,6 +52,7 @@ int main(int argc, char** argv) {
     // of 4 KiB). Naming the file reads it once; a change of the system's
     // time zone shows after skarvo's next start.
     setenv("TZ", ":/etc/localtime", 0);
+    LimitHeapArenas();
     const std::vector<std::string> args(argv + 1, argv + argc);
     if (!args.empty() && args[0] == "status") {
         return RunStatusCommand(std::vector<std::string>(args.begin() + 1, args.end()));
