@@ -330,7 +330,7 @@ AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParen
     // The locks go in the order a rename in place takes them: the node's
     // place, the volume's place gate, then folders. A move that held its
     // folders while it waited for the gate would deadlock with a folder
-    // rename that holds the gate and waits for a folder below it.
+    // rename that holds the gate and waits for its parent or a folder below.
     std::lock_guard<std::mutex> place(placeLock_);
     // A file moves and renames in several calls, a folder changes the keys
     // below it: see PlaceGate.
