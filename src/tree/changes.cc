@@ -60,7 +60,7 @@ AERROR File::Touch(IExportService* service) {
     handle->mode = HANDLE_MODE_WRITE;
     handle->context = GetContext();
     PreventTimeoutCacheIO source(CacheObject(), service, config_);
-    _FS_FILE_V2 record(*Info());
+    _FS_FILE_V2 record(Info()->Record());
     void* cookie = nullptr;
     const AERROR result =
         protocol_->UploadItem(Parent()->Key().c_str(), handle, &source, &record, nullptr, &cookie);

@@ -140,7 +140,10 @@ AERROR File::Open(char mode, unsigned long flags, unsigned long, const std::stri
         handle->originText = extra;
     }
     if (!IsFolder() && !CacheObject()) OpenCache(IsOfflineOnly() ? 'w' : 'r');
-    if (changeStarts && !IsFolder()) NoteOrigin(Info().get());
+    if (changeStarts && !IsFolder()) {
+        const _FS_FILE_V2 base = Info()->Record();
+        NoteOrigin(&base);
+    }
     return SUCCESS;
 }
 

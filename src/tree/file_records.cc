@@ -5,6 +5,36 @@
 
 #include "services/log.h"
 
+_FS_FILE_EXT& _FS_FILE_EXT::operator=(const _FS_FILE_V2& source) {
+    key = source.key;
+    attributes = source.attributes;
+    size = source.size;
+    createTime = source.createTime;
+    accessTime = source.accessTime;
+    modifyTime = source.modifyTime;
+    name = source.name;
+    context = source.context;
+    values.assign(source.values.begin(), source.values.end());
+    extra = source.extra;
+    knownSize = source.size;
+    return *this;
+}
+
+_FS_FILE_V2 _FS_FILE_EXT::Record() const {
+    _FS_FILE_V2 record;
+    record.key = key;
+    record.attributes = attributes;
+    record.size = size;
+    record.createTime = createTime;
+    record.accessTime = accessTime;
+    record.modifyTime = modifyTime;
+    record.name = name;
+    record.context = context;
+    record.values.assign(values.begin(), values.end());
+    record.extra = extra;
+    return record;
+}
+
 bool IsAcceptableName(const std::string& name) {
     if (name.empty() || name == "." || name == "..") return false;
     // Paths given to the volume may separate their parts with backslashes,

@@ -79,7 +79,7 @@ AERROR File::DeleteRemotely(bool keepContent) {
         const AERROR kept = KeepContentLocally();
         if (kept != SUCCESS) return kept;
     }
-    _FS_FILE_V2 record(*Info());
+    _FS_FILE_V2 record(Info()->Record());
     record.key = RemoteKey();
     AERROR result = SUCCESS;
     void* cookie = nullptr;
@@ -227,7 +227,7 @@ void File::Detach() {
 
 AERROR File::RenameInPlace(const std::string& newName, bool rekey, void** cookie) {
     const std::string key = RemoteKey();
-    _FS_FILE_V2 record(*Info());
+    _FS_FILE_V2 record(Info()->Record());
     record.name = newName;
     if (protocol_ && !key.empty()) {
         record.key = key;
@@ -339,7 +339,7 @@ AERROR File::MoveFile(std::shared_ptr<File> self, std::shared_ptr<File> newParen
     // opposite moves between the same folders could deadlock.
     std::scoped_lock folders(*Parent()->GetChildLock(), *newParent->GetChildLock());
     const std::string oldName = Name();
-    _FS_FILE_V2 record(*Info());
+    _FS_FILE_V2 record(Info()->Record());
     AERROR result = MoveRemote(newParent, finalName != oldName, record);
     if (result != SUCCESS) return result;
     Parent()->RemoveChild(oldName.c_str(), false);

@@ -138,7 +138,7 @@ AERROR File::RunStream(const std::shared_ptr<_ASYNCJOB>& job,
         place.protocol = protocol_.get();
         place.parentKey = Parent() != nullptr ? Parent()->Key() : std::string();
         place.name = name;
-        record = *Info();
+        record = Info()->Record();
         // A file truncated to be written anew replaces its remote item.
         if (record.key.empty()) record.key = RemoteKey();
     }

@@ -168,7 +168,7 @@ _FS_FILE_V2 File::PrepareUpload(const std::shared_ptr<ICacheObj>& cacheObject, c
         place.protocol = protocol_.get();
         place.parentKey = Parent() != nullptr ? Parent()->Key() : std::string();
         place.name = Name();
-        record = *Info();
+        record = Info()->Record();
         remoteKey = RemoteKey();
         cacheObject->Reopen('w', record.size, this);
     }
