@@ -6,14 +6,7 @@
 #include "services/log.h"
 
 _FS_FILE_EXT& _FS_FILE_EXT::operator=(const _FS_FILE_V2& source) {
-    key = source.key;
-    attributes = source.attributes;
-    size = source.size;
-    createTime = source.createTime;
-    accessTime = source.accessTime;
-    modifyTime = source.modifyTime;
-    name = source.name;
-    context = source.context;
+    static_cast<_FS_FILE_V1&>(*this) = source;
     values.assign(source.values.begin(), source.values.end());
     extra = source.extra;
     knownSize = source.size;
@@ -22,14 +15,7 @@ _FS_FILE_EXT& _FS_FILE_EXT::operator=(const _FS_FILE_V2& source) {
 
 _FS_FILE_V2 _FS_FILE_EXT::Record() const {
     _FS_FILE_V2 record;
-    record.key = key;
-    record.attributes = attributes;
-    record.size = size;
-    record.createTime = createTime;
-    record.accessTime = accessTime;
-    record.modifyTime = modifyTime;
-    record.name = name;
-    record.context = context;
+    static_cast<_FS_FILE_V1&>(record) = *this;
     record.values.assign(values.begin(), values.end());
     record.extra = extra;
     return record;

@@ -3,26 +3,17 @@
 #define LIBFS_TREE_FILE_RECORDS_H_
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "libfilesystem/file_record.h"
 
-// What a node keeps of its remote item: the fields of the protocol's record,
-// plus what the node learned when it last took one. Not derived from
-// _FS_FILE_V2: that record's `values` is a deque, whose empty state already
-// holds 576 bytes of heap, and every node keeps one of these for as long as
-// it lives (5.9 of the 19.5 MB of heap a listing of 10,000 entries took).
-struct _FS_FILE_EXT {
-    std::string key;
-    uint32_t attributes = 0;
-    int64_t size = 0;
-    std::string createTime;
-    std::string accessTime;
-    std::string modifyTime;
-    std::string name;
-    std::shared_ptr<void> context;
+// What a node keeps of its remote item: the protocol's record, plus what the
+// node learned when it last took one. Built on _FS_FILE_V1, not _FS_FILE_V2:
+// that record's `values` is a deque, whose empty state already holds 576
+// bytes of heap, and every node keeps one of these for as long as it lives
+// (5.9 of the 19.5 MB of heap a listing of 10,000 entries took).
+struct _FS_FILE_EXT : _FS_FILE_V1 {
     std::vector<std::string> values;
     std::string extra;
     // The `size` the record had when it was last assigned from a protocol's
@@ -30,7 +21,6 @@ struct _FS_FILE_EXT {
     int64_t knownSize = 0;
 
     _FS_FILE_EXT() = default;
-    explicit _FS_FILE_EXT(const _FS_FILE_V2& source) { *this = source; }
     _FS_FILE_EXT& operator=(const _FS_FILE_V2& source);
     // The record in the form protocols and hosts take.
     _FS_FILE_V2 Record() const;
