@@ -4,13 +4,13 @@
 
 ForgetGate::ForgetGate(Run run, size_t backlog) : run_(std::move(run)), limit_(backlog) {}
 
-void ForgetGate::Request(const std::function<void()>& process) {
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        idle_.wait(lock, [&] { return !forgetting_ && backlog_.size() < limit_; });
-        ++active_;
-    }
-    process();
+void ForgetGate::Enter() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    idle_.wait(lock, [&] { return !forgetting_ && backlog_.size() < limit_; });
+    ++active_;
+}
+
+void ForgetGate::Leave() {
     std::unique_lock<std::mutex> lock(mutex_);
     if (--active_ == 0 && !forgetting_) RunBacklog(lock);
 }

@@ -55,7 +55,6 @@ class FileHandles {
     // The records, made at the node's first open: most nodes are never
     // opened.
     struct Table {
-        Table() { handles.max_load_factor(1.0); }
         std::mutex lock;
         std::unordered_map<void*, std::shared_ptr<_FS_HANDLE_EXT>> handles;  // guarded by lock
     };
