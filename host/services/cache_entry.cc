@@ -341,16 +341,24 @@ void CacheEntry::ApplyOpenSizeLocked(int64_t size) {
 
 // Bytes past the old size read as zeros and count as written. The block that
 // held the old end keeps its state when it is absent: its remote part is
-// fetched later, and the fetch limit makes the rest zeros.
-AERROR CacheEntry::ExtendLocked(int64_t size) {
+// fetched later, and the fetch limit makes the rest zeros. Without
+// `setLength` the data file keeps its length: a write past the end that
+// follows lengthens it, and the hole it leaves reads as zeros too. That
+// saves an ftruncate on every appending write.
+AERROR CacheEntry::ExtendLocked(int64_t size, bool setLength) {
     const int64_t old = size_;
     const uint64_t oldBlocks = BlockMap::BlocksFor(static_cast<uint64_t>(old), blockSize_);
     if (!OpenDataLocked()) return CACHE_WRITE_FAILED;
     // Written blocks kept past the old size are overwritten by zeros now.
     if (map_.Count() > oldBlocks) map_.Resize(oldBlocks);
-    if (fileLength_ > old && ftruncate(fd_, old) != 0) return CacheContext::WriteFailure(errno);
-    if (ftruncate(fd_, size) != 0) return CacheContext::WriteFailure(errno);
-    fileLength_ = size;
+    if (fileLength_ > old) {
+        if (ftruncate(fd_, old) != 0) return CacheContext::WriteFailure(errno);
+        fileLength_ = old;
+    }
+    if (setLength) {
+        if (ftruncate(fd_, size) != 0) return CacheContext::WriteFailure(errno);
+        fileLength_ = size;
+    }
     dataDirty_ = true;
     if (old % blockSize_ != 0) {
         const uint64_t tail = static_cast<uint64_t>(old) / blockSize_;

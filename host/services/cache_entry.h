@@ -134,7 +134,7 @@ class CacheEntry {
     bool IsBusyLocked(uint64_t block) const;
     int64_t FetchableEndLocked() const;
     void ApplyOpenSizeLocked(int64_t size);
-    AERROR ExtendLocked(int64_t size);
+    AERROR ExtendLocked(int64_t size, bool setLength = true);
     AERROR ShrinkLocked(int64_t size);
     void LowerFetchLimitLocked(int64_t limit);
     void DropBlocksLocked(BlockState state);

@@ -381,7 +381,7 @@ AERROR CacheEntry::WriteLocked(int64_t offset, int64_t length, const char* data)
     const int64_t oldLimit = fetchLimit_;
     const uint64_t tail = static_cast<uint64_t>(oldSize) / blockSize_;
     const BlockState tailState = map_.Get(tail);
-    AERROR result = end > size_ ? ExtendLocked(end) : SUCCESS;
+    AERROR result = end > size_ ? ExtendLocked(end, false) : SUCCESS;
     if (result == SUCCESS) result = StoreLocked(offset, length, data);
     if (result != SUCCESS) {
         if (size_ != oldSize) {
