@@ -1,6 +1,10 @@
 #include "services/cache_index.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstring>
 
 namespace {
 
@@ -73,6 +77,7 @@ Status CacheIndex::Open(const std::string& path, uint32_t blockSize, ILog* log,
         status.set_message(path + ": " + status.message());
         return status;
     }
+    opened->OpenWal(path);
     *index = std::move(opened);
     return Status::Ok();
 }
@@ -167,17 +172,39 @@ void CacheIndex::BindRecord(SqliteStatement* statement, const EntryRecord& recor
     statement->Bind(15, record.cleanVersion);
 }
 
+void CacheIndex::OpenWal(const std::string& path) {
+    // Prepare's transaction made the WAL, and SQLite removes it only when
+    // the last connection closes.
+    UniqueFd wal(open((path + "-wal").c_str(), O_RDONLY | O_CLOEXEC));
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const UniqueFd dir(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (wal.Valid() && dir.Valid() && fsync(dir.Get()) == 0) wal_ = std::move(wal);
+}
+
+AERROR CacheIndex::SyncWal() {
+    if (wal_.Valid() && fdatasync(wal_.Get()) == 0) return SUCCESS;
+    const int error = wal_.Valid() ? errno : EBADF;
+    if (error == ENOSPC || error == EDQUOT) return CACHE_TOO_SMALL;
+    if (log_ != nullptr) {
+        log_->Log(LL_ERROR, "[CACHE] cannot sync the index: %s", strerror(error));
+    }
+    return CACHE_WRITE_FAILED;
+}
+
 AERROR CacheIndex::Save(const EntryRecord& record, bool durable) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    // The simplest durable commit: with synchronous=FULL, SQLite syncs the
-    // WAL as the statement's own transaction commits (and the WAL's folder
-    // when it was just created), and every earlier commit with it, since
-    // the WAL is only ever appended to between checkpoints.
-    if (durable) db_->Exec("PRAGMA synchronous=FULL");
-    BindRecord(save_.get(), record);
-    const AERROR result = ResultLocked(save_->Step(), "save an entry");
-    if (durable) db_->Exec("PRAGMA synchronous=NORMAL");
-    return result;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        // Without the WAL at hand, SQLite syncs it as the statement's own
+        // transaction commits, holding the mutex meanwhile.
+        const bool syncHere = durable && !wal_.Valid();
+        if (syncHere) db_->Exec("PRAGMA synchronous=FULL");
+        BindRecord(save_.get(), record);
+        const AERROR result = ResultLocked(save_->Step(), "save an entry");
+        if (syncHere) db_->Exec("PRAGMA synchronous=NORMAL");
+        if (result != SUCCESS || !durable || syncHere) return result;
+    }
+    return SyncWal();
 }
 
 template <typename Steps>

@@ -13,6 +13,7 @@
 #include "common/status.h"
 #include "libfilesystem/aerror.h"
 #include "libfilesystem/log.h"
+#include "libfilesystem/unique_fd.h"
 #include "services/cache_records.h"
 #include "services/sqlite_db.h"
 
@@ -20,7 +21,8 @@
 // last lock taken. The database runs in WAL mode with synchronous=NORMAL: a
 // commit survives a crash of the process at once and a power cut from the
 // next checkpoint on; Save with `durable` survives a power cut when it
-// returns.
+// returns. A durable Save syncs the WAL after it has let go of the mutex, so
+// other entries' saves do not queue behind its sync.
 class CacheIndex {
   public:
     // Opens, or creates, the index `path`. A new index takes `blockSize`; an
@@ -46,6 +48,13 @@ class CacheIndex {
 
   private:
     CacheIndex(std::unique_ptr<SqliteDb> db, ILog* log) : db_(std::move(db)), log_(log) {}
+    // Opens the WAL for SyncWal, and syncs the folder that holds it, since
+    // its name was made without a sync. Without it SyncWal fails.
+    void OpenWal(const std::string& path);
+    // Makes every commit so far durable: they are all in the WAL, which
+    // SQLite only appends to until a checkpoint, and a checkpoint syncs the
+    // WAL before it copies any of it.
+    AERROR SyncWal();
     // Checks the version, creates the tables when missing and reads the
     // block size.
     Status Prepare(uint32_t blockSize);
@@ -58,6 +67,7 @@ class CacheIndex {
 
     std::mutex mutex_;
     const std::unique_ptr<SqliteDb> db_;
+    UniqueFd wal_;  // SQLite keeps the file while a connection is open
     ILog* const log_;
     uint32_t blockSize_ = 0;
     std::unique_ptr<SqliteStatement> save_;
