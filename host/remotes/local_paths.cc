@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <ctime>
 
 namespace {
 
@@ -45,14 +44,8 @@ bool IsTemporaryName(std::string_view name) {
 }
 
 void RemoveAbandonedTemporary(int dirfd, const std::string& name) {
-    // A listing between an upload's create and its lock took the file away,
-    // and the upload failed at its rename.
-    constexpr time_t kAbandonedAfterSeconds = 60;
     UniqueFd fd(openat(dirfd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat st {};
-    if (!fd.Valid() || fstat(fd.Get(), &st) != 0) return;
-    if (time(nullptr) - st.st_mtime < kAbandonedAfterSeconds) return;
-    if (flock(fd.Get(), LOCK_EX | LOCK_NB) == 0) unlinkat(dirfd, name.c_str(), 0);
+    if (fd.Valid() && flock(fd.Get(), LOCK_EX | LOCK_NB) == 0) unlinkat(dirfd, name.c_str(), 0);
 }
 
 bool IsValidItemName(std::string_view name) {

@@ -35,9 +35,8 @@ constexpr char kLocalRootKey[] = "/";
 constexpr char kTemporaryPrefix[] = ".skarvo-upload-";
 
 // Upload temporary files are locked (flock) by the upload writing them.
-// Removes `name` in `dirfd` when nothing holds that lock and it has not
-// changed for a minute: its upload died with its process. An upload creates
-// its file before it can lock it, so a fresh unlocked file is not abandoned.
+// Removes `name` in `dirfd` when nothing holds that lock: its upload died
+// with its process.
 void RemoveAbandonedTemporary(int dirfd, const std::string& name);
 
 bool IsTemporaryName(std::string_view name);

@@ -28,30 +28,38 @@ class TemporaryFile {
         if (!name_.empty()) unlinkat(dirfd_, name_.c_str(), 0);
     }
 
+    // The file is locked (flock) until the rename, so that listings leave it
+    // alone: they remove unlocked temporary files as left by a dead upload.
     Status Create(const std::string& key) {
-        static constexpr char kLetters[] =
-            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-        thread_local std::mt19937_64 random{std::random_device{}()};
-        std::uniform_int_distribution<size_t> pick(0, sizeof kLetters - 2);
-        for (int attempt = 0; attempt < 100; ++attempt) {
-            std::string name = kTemporaryPrefix;
-            for (int i = 0; i < 12; ++i)
-                name += kLetters[pick(random)];
-            // 0666 so that the file ends up with the process's usual permissions.
+#ifdef O_TMPFILE
+        // Made without a name and locked before it gets one, so that no
+        // listing ever sees it unlocked. A listing that fell between a named
+        // create and its lock removed the file, and the upload failed at the
+        // rename with FILE_NOT_FOUND.
+        // 0666 so that the file ends up with the process's usual permissions.
+        fd_.Reset(openat(dirfd_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666));
+        if (fd_.Valid()) {
+            flock(fd_.Get(), LOCK_EX);
+            const std::string self = "/proc/self/fd/" + std::to_string(fd_.Get());
+            const Status named = Name(key, [&](const std::string& name) {
+                return linkat(AT_FDCWD, self.c_str(), dirfd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+            });
+            if (named.ok()) return named;
+            fd_.Reset();  // without /proc, say: a named file as below
+        }
+        // Not every file system has unnamed files.
+#endif
+        return Name(key, [&](const std::string& name) {
             fd_.Reset(openat(dirfd_, name.c_str(),
                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-            if (fd_.Valid()) {
-                // Held until the rename, so that listings leave the file alone.
-                flock(fd_.Get(), LOCK_EX);
-                name_ = std::move(name);
-                return Status::Ok();
-            }
-            if (errno != EEXIST) return Status::FromErrno(errno, key + ": temporary file");
-        }
-        return Status::Error(FAILED, key + ": no free temporary file name");
+            if (fd_.Valid()) flock(fd_.Get(), LOCK_EX);
+            return fd_.Valid();
+        });
     }
 
-    int fd() const { return fd_.Get(); }
+    int fd() const {
+        return fd_.Get();
+    }
 
     // Flushes the file and renames it to `target`; it stays open, and so
     // locked, until the rename is done.
@@ -84,6 +92,27 @@ class TemporaryFile {
     }
 
   private:
+    // Gives the file a free random name through `make`, which returns
+    // whether the name was taken up and leaves errno set when not.
+    template <typename Make>
+    Status Name(const std::string& key, Make&& make) {
+        static constexpr char kLetters[] =
+            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+        thread_local std::mt19937_64 random{std::random_device{}()};
+        std::uniform_int_distribution<size_t> pick(0, sizeof kLetters - 2);
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            std::string name = kTemporaryPrefix;
+            for (int i = 0; i < 12; ++i)
+                name += kLetters[pick(random)];
+            if (make(name)) {
+                name_ = std::move(name);
+                return Status::Ok();
+            }
+            if (errno != EEXIST) return Status::FromErrno(errno, key + ": temporary file");
+        }
+        return Status::Error(FAILED, key + ": no free temporary file name");
+    }
+
     const int dirfd_;
     std::string name_;
     UniqueFd fd_;

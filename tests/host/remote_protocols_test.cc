@@ -4,7 +4,6 @@
 // command line takes it, and the remote wrapped around the local one.
 #include "remotes/local_protocol.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -13,7 +12,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <thread>
 
@@ -225,21 +223,6 @@ TEST_F(LocalProtocolTest, UploadsLandWholeOrNotAtAll) {
         EXPECT_EQ(ReadText(Path("doc.txt")), "original");
         EXPECT_EQ(RawNames(), "doc.txt docs empty ");
     }
-
-    // A listing takes away a temporary file that nothing locks only once it
-    // has not changed for a minute: an upload creates its file before it
-    // can lock it.
-    const std::string fresh = Path(std::string(kTempPrefix) + "fresh");
-    const std::string stale = Path(std::string(kTempPrefix) + "stale");
-    WriteText(fresh, "x");
-    WriteText(stale, "x");
-    const struct timespec old[2] = {{time(nullptr) - 120, 0}, {time(nullptr) - 120, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, stale.c_str(), old, 0), 0);
-    ListRecorder listing;
-    ASSERT_EQ(protocol_->ListFolder("/", &listing, nullptr), SUCCESS);
-    EXPECT_TRUE(fs::exists(fresh));
-    EXPECT_FALSE(fs::exists(stale));
-    fs::remove(fresh);
 
     // A folder renamed while an upload into it runs does not receive the
     // file under a key that names its old place.
