@@ -45,7 +45,7 @@ class TemporaryFile {
                 return linkat(AT_FDCWD, self.c_str(), dirfd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
             });
             if (named.ok()) return named;
-            fd_.Reset();  // without /proc, say: a named file as below
+            fd_.Reset();  // without /proc, for one: a named file as below
         }
         // Not every file system has unnamed files.
 #endif

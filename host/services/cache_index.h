@@ -49,7 +49,8 @@ class CacheIndex {
   private:
     CacheIndex(std::unique_ptr<SqliteDb> db, ILog* log) : db_(std::move(db)), log_(log) {}
     // Opens the WAL for SyncWal, and syncs the folder that holds it, since
-    // its name was made without a sync. Without it SyncWal fails.
+    // its name was made without a sync. When it cannot, durable saves sync
+    // inside their commits instead.
     void OpenWal(const std::string& path);
     // Makes every commit so far durable: they are all in the WAL, which
     // SQLite only appends to until a checkpoint, and a checkpoint syncs the
