@@ -2,9 +2,6 @@
 #ifndef SKARVO_SERVICES_CACHE_CONTEXT_H_
 #define SKARVO_SERVICES_CACHE_CONTEXT_H_
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -13,7 +10,7 @@
 #include "libfilesystem/aerror.h"
 #include "libfilesystem/async.h"
 #include "libfilesystem/log.h"
-#include "libfilesystem/unique_fd.h"
+#include "services/make_dirs.h"
 
 class CacheIndex;
 
@@ -53,8 +50,7 @@ struct CacheContext {
     // syncing their folder; false when that failed.
     bool SyncNewNames() {
         if (!newNames.exchange(false)) return true;
-        const UniqueFd fd(open(dataFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (fd.Valid() && fsync(fd.Get()) == 0) return true;
+        if (SyncFolder(dataFolder)) return true;
         newNames = true;
         return false;
     }

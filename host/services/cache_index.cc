@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "services/make_dirs.h"
+
 namespace {
 
 // Raised with every change of the schema; an older skarvo refuses a newer
@@ -177,9 +179,14 @@ void CacheIndex::OpenWal(const std::string& path) {
     // the last connection closes.
     UniqueFd wal(open((path + "-wal").c_str(), O_RDONLY | O_CLOEXEC));
     const size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const UniqueFd dir(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (wal.Valid() && dir.Valid() && fsync(dir.Get()) == 0) wal_ = std::move(wal);
+    if (wal.Valid() && SyncFolder(slash == std::string::npos ? "." : path.substr(0, slash + 1))) {
+        wal_ = std::move(wal);
+    }
+}
+
+AERROR CacheIndex::Durable(AERROR committed, bool durable) {
+    if (committed != SUCCESS || !durable || !wal_.Valid()) return committed;
+    return SyncWal();
 }
 
 AERROR CacheIndex::SyncWal() {
@@ -193,29 +200,28 @@ AERROR CacheIndex::SyncWal() {
 }
 
 AERROR CacheIndex::Save(const EntryRecord& record, bool durable) {
+    AERROR result = SUCCESS;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        // Without the WAL at hand, SQLite syncs it as the statement's own
-        // transaction commits, holding the mutex meanwhile.
-        const bool syncHere = durable && !wal_.Valid();
-        if (syncHere) db_->Exec("PRAGMA synchronous=FULL");
+        const bool inCommit = SyncsInCommit(durable);
+        if (inCommit) db_->Exec("PRAGMA synchronous=FULL");
         BindRecord(save_.get(), record);
-        const AERROR result = ResultLocked(save_->Step(), "save an entry");
-        if (syncHere) db_->Exec("PRAGMA synchronous=NORMAL");
-        if (result != SUCCESS || !durable || syncHere) return result;
+        result = ResultLocked(save_->Step(), "save an entry");
+        if (inCommit) db_->Exec("PRAGMA synchronous=NORMAL");
     }
-    return SyncWal();
+    return Durable(result, durable);
 }
 
 template <typename Steps>
 AERROR CacheIndex::TransactionLocked(bool durable, const char* what, Steps&& steps) {
-    if (durable) db_->Exec("PRAGMA synchronous=FULL");
+    const bool inCommit = SyncsInCommit(durable);
+    if (inCommit) db_->Exec("PRAGMA synchronous=FULL");
     int code = db_->Exec("BEGIN IMMEDIATE");
     if (code == SQLITE_OK) code = steps();
     if (code == SQLITE_OK || code == SQLITE_DONE) code = db_->Exec("COMMIT");
     const AERROR result = ResultLocked(code, what);
     if (db_->InTransaction()) db_->Exec("ROLLBACK");
-    if (durable) db_->Exec("PRAGMA synchronous=NORMAL");
+    if (inCommit) db_->Exec("PRAGMA synchronous=NORMAL");
     return result;
 }
 
@@ -234,8 +240,8 @@ AERROR CacheIndex::Remove(const std::vector<std::string>& names) {
 
 AERROR CacheIndex::SaveLastUses(const std::vector<std::pair<std::string, uint64_t>>& uses,
                                 bool durable) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return TransactionLocked(durable, "save the order of use", [&] {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const AERROR result = TransactionLocked(durable, "save the order of use", [&] {
         int code = SQLITE_DONE;
         for (size_t i = 0; i < uses.size() && code == SQLITE_DONE; ++i) {
             touch_->Bind(1, static_cast<int64_t>(uses[i].second));
@@ -244,11 +250,13 @@ AERROR CacheIndex::SaveLastUses(const std::vector<std::pair<std::string, uint64_
         }
         return code;
     });
+    lock.unlock();
+    return Durable(result, durable);
 }
 
 AERROR CacheIndex::Import(const std::vector<EntryRecord>& records) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return TransactionLocked(true, "import entries", [&] {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const AERROR result = TransactionLocked(true, "import entries", [&] {
         int code = SQLITE_DONE;
         for (size_t i = 0; i < records.size() && code == SQLITE_DONE; ++i) {
             BindRecord(import_.get(), records[i]);
@@ -256,6 +264,8 @@ AERROR CacheIndex::Import(const std::vector<EntryRecord>& records) {
         }
         return code;
     });
+    lock.unlock();
+    return Durable(result, true);
 }
 
 AERROR CacheIndex::ResultLocked(int code, const char* what) {

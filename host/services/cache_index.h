@@ -21,8 +21,8 @@
 // last lock taken. The database runs in WAL mode with synchronous=NORMAL: a
 // commit survives a crash of the process at once and a power cut from the
 // next checkpoint on; Save with `durable` survives a power cut when it
-// returns. A durable Save syncs the WAL after it has let go of the mutex, so
-// other entries' saves do not queue behind its sync.
+// returns. Durable saves and transactions sync the WAL after they have let
+// go of the mutex, so other entries' saves do not queue behind the sync.
 class CacheIndex {
   public:
     // Opens, or creates, the index `path`. A new index takes `blockSize`; an
@@ -56,6 +56,12 @@ class CacheIndex {
     // SQLite only appends to until a checkpoint, and a checkpoint syncs the
     // WAL before it copies any of it.
     AERROR SyncWal();
+    // Whether a durable commit must sync inside itself (under the mutex):
+    // only when the WAL is not at hand for SyncWal.
+    bool SyncsInCommit(bool durable) const { return durable && !wal_.Valid(); }
+    // What a commit made under the mutex gives, made durable afterwards
+    // through SyncWal when asked and not done inside the commit.
+    AERROR Durable(AERROR committed, bool durable);
     // Checks the version, creates the tables when missing and reads the
     // block size.
     Status Prepare(uint32_t blockSize);

@@ -1,9 +1,13 @@
 #include "services/make_dirs.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+
+#include "libfilesystem/unique_fd.h"
 
 Status MakeDirs(const std::string& path) {
     size_t start = 0;
@@ -22,4 +26,9 @@ Status MakeDirs(const std::string& path) {
         return Status::Error(path + " is not a folder");
     }
     return Status::Ok();
+}
+
+bool SyncFolder(const std::string& path) {
+    const UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder.Valid() && fsync(folder.Get()) == 0;
 }
