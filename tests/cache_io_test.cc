@@ -13,37 +13,9 @@
 #include <vector>
 
 #include "data/cache_io.h"
-#include "export/export_service.h"
 #include "support/test_env.h"
 
 namespace {
-
-class CountingExportService : public IExportService {
-  public:
-    void Release() override {}
-    void SetFileSystem(IFileSystemImpl*) override {}
-    int GetDriverState() override { return 0; }
-    void Wait() override {}
-    int Mount(MountParameter&) override { return 0; }
-    void Unmount() override {}
-    bool NotifyDirectoryChange(const char*, NOTIFYEVENT, bool) override { return true; }
-    void ResetTimeout(unsigned long value) override {
-        ++resets;
-        lastValue = value;
-    }
-    int resets = 0;
-    unsigned long lastValue = 0;
-};
-
-class FixedConfig : public IFSConfig {
-  public:
-    FixedConfig(int64_t timeoutReset, int64_t fsTimeout) {
-        values.timeout_reset = timeoutReset;
-        values.fstimeout = fsTimeout;
-    }
-    _FS_CONFIG GetConfig() override { return values; }
-    _FS_CONFIG values{};
-};
 
 // Bytes at offsets, growing as written. The pipes serialise their calls into
 // it, so it needs no lock of its own.
@@ -125,35 +97,6 @@ std::future<ReadResult> ReadAsync(ICacheIO& io, int64_t offset, uint64_t size) {
 // is closed; the expected outcome is the same if it has not.
 void LetItBlock() {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
-}
-
-TEST(PreventTimeoutCacheIOTest, ForwardsAndResetsTheTimeoutOnlyOnceTheIntervalHasPassed) {
-    auto target = std::make_shared<MemoryTarget>();
-    const auto bytes = RandomBytes(100, 1);
-    CountingExportService quick;
-    FixedConfig slow(5000, 20000);
-    PreventTimeoutCacheIO io(target, &quick, &slow);
-    EXPECT_EQ(WriteAt(io, bytes, 0, 100), SUCCESS);
-    for (int i = 0; i < 1000; ++i)
-        ASSERT_EQ(ReadAt(io, 10, 20).bytes, bytes.substr(10, 20));
-    EXPECT_EQ(quick.resets, 0) << "transfers far quicker than the interval";
-    target->failWith = FILE_NOT_FOUND;
-    EXPECT_EQ(ReadAt(io, 0, 10).code, FILE_NOT_FOUND);
-    EXPECT_EQ(WriteAt(io, bytes, 0, 10), FILE_NOT_FOUND);
-    target->failWith = SUCCESS;
-
-    // Each transfer after the interval resets, with fstimeout.
-    CountingExportService service;
-    FixedConfig config(1, 20000);
-    PreventTimeoutCacheIO resetting(target, &service, &config);
-    for (int i = 0; i < 3; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        ASSERT_EQ(ReadAt(resetting, 0, 64).code, SUCCESS);
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        ASSERT_EQ(WriteAt(resetting, bytes, 0, 8), SUCCESS);
-    }
-    EXPECT_EQ(service.resets, 6);
-    EXPECT_EQ(service.lastValue, 20000u);
 }
 
 TEST(EvCacheTest, DeliversBytesInOrderUpToTheTotalAndEndsWithTheHandle) {
