@@ -177,6 +177,15 @@ void EntryRecovery::Run(const RecoveryRemote* remote, RecoveryResult* result) {
                                                                      : result->kept);
         return;
     }
+    if (unsent_.mayBeIncomplete) {
+        // Never uploaded as if whole: a restart of the machine may have cut
+        // it short.
+        ++(Save("the machine restarted before its data was synced, so it may be incomplete",
+                nullptr)
+               ? result->saved
+               : result->kept);
+        return;
+    }
     if (remote == nullptr) {
         Log(LL_WARNING, "it belongs to " + origin.remote +
                             ", which is not mounted now; it stays in the cache until it is");

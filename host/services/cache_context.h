@@ -23,6 +23,7 @@ struct CacheContext {
     std::string folder;             // the cache's folder, for messages
     std::string dataFolder;         // where the data files are
     CacheIndex* index = nullptr;    // the entries' rows; outlives every entry
+    std::string bootId;             // this boot of the machine; "": unknown
 
     std::atomic<uint64_t> usedBytes{0};    // bytes of the blocks held
     std::atomic<uint64_t> unsentBytes{0};  // of which written and not committed

@@ -79,6 +79,13 @@ Status CacheEntry::Restore(std::shared_ptr<CacheContext> context, const Files& f
     entry->size_ = record.size;
     entry->fetchLimit_ = record.fetchLimit;
     entry->savedDurably_ = !entry->dirty_;
+    if (!record.unsyncedBoot.empty()) {
+        // Saved at a close, before the data was synced: the data is whole
+        // unless the machine restarted since.
+        entry->rowUnsynced_ = true;
+        entry->dataDirty_ = true;
+        entry->mayBeIncomplete_ = record.unsyncedBoot != entry->context_->bootId;
+    }
     const uint64_t blocks = BlockMap::BlocksFor(static_cast<uint64_t>(record.size), blockSize);
     if (map.Count() < blocks) map.Resize(blocks);
     std::lock_guard<std::mutex> lock(entry->mutex_);
@@ -196,6 +203,23 @@ void CacheEntry::StopReadAhead() {
 AERROR CacheEntry::Save() {
     std::lock_guard<std::mutex> lock(mutex_);
     return SaveLocked(false);
+}
+
+AERROR CacheEntry::SaveWritten() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (forgotten_) return CACHE_NOT_OPENED;
+    // A close: the writer's copy is gone, and the kernel does not wait for
+    // the release that makes the data durable. The row goes to the index
+    // now, so that skarvo restarted after it died finds the data, which the
+    // kernel keeps meanwhile; a row saved so says in which boot it was.
+    if (!dataDirty_ || context_->bootId.empty()) return SaveLocked(false);
+    if (!dirty_ && rowUnsynced_) return SUCCESS;
+    return WriteRowLocked(false, context_->bootId);
+}
+
+bool CacheEntry::MayBeIncomplete() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return mayBeIncomplete_;
 }
 
 AERROR CacheEntry::Sync() {
@@ -438,6 +462,9 @@ AERROR CacheEntry::SaveLocked(bool durable) {
         return CacheContext::WriteFailure(error);
     }
     dataDirty_ = false;
+    // A row that says the data was not synced is now wrong the safe way;
+    // set right with this save.
+    if (rowUnsynced_) dirty_ = true;
     if (!dirty_ && (savedDurably_ || !durable)) return SUCCESS;
     if (durable && !context_->SyncNewNames()) {
         const int error = errno;
@@ -447,6 +474,10 @@ AERROR CacheEntry::SaveLocked(bool durable) {
         }
         return CacheContext::WriteFailure(error);
     }
+    return WriteRowLocked(durable, "");
+}
+
+AERROR CacheEntry::WriteRowLocked(bool durable, const std::string& unsyncedBoot) {
     EntryRecord record;
     record.name = files_.name;
     record.key = key_;
@@ -458,10 +489,12 @@ AERROR CacheEntry::SaveLocked(bool durable) {
     record.unsent = reportedUnsent_;
     record.origin = origin_;
     record.lastUse = lastUse_.load();
+    record.unsyncedBoot = unsyncedBoot;
     const AERROR saved = context_->index->Save(record, durable);
     if (saved != SUCCESS) return saved;
     dirty_ = false;
     savedDurably_ = durable;
+    rowUnsynced_ = !unsyncedBoot.empty();
     return SUCCESS;
 }
 

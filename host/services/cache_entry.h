@@ -102,6 +102,10 @@ class CacheEntry {
     AERROR Commit();
     AERROR Discard();
     AERROR Sync();
+    AERROR SaveWritten();
+    // The row was saved before its data was synced, in an earlier boot of
+    // the machine: the data may have been cut short by the restart.
+    bool MayBeIncomplete() const;
 
     // The read-ahead job's side: runs a plan that Read returned, then reports
     // the end with ReadAheadEnded (also when the job is dropped unrun).
@@ -147,6 +151,8 @@ class CacheEntry {
     // With `durable`, also when the row is unchanged but not yet durable,
     // and so that it survives a power cut.
     AERROR SaveLocked(bool durable);
+    // Writes the row as it is; `unsyncedBoot` as in EntryRecord.
+    AERROR WriteRowLocked(bool durable, const std::string& unsyncedBoot);
     void UpdateUsageLocked();
 
     const std::shared_ptr<CacheContext> context_;
@@ -169,11 +175,13 @@ class CacheEntry {
     int fd_ = -1;
     int64_t fileLength_ = 0;  // of the data file, while it is open
     int openCount_ = 0;
-    IFetch* fetcher_ = nullptr;  // from the last Open or Reopen
-    bool ranged_ = true;         // whether the protocol serves ranges (last read)
-    bool dirty_ = false;         // the row differs from what is saved
-    bool savedDurably_ = false;  // the row was last saved durably
-    bool dataDirty_ = false;     // data or length changed since the data file was last synced
+    IFetch* fetcher_ = nullptr;     // from the last Open or Reopen
+    bool ranged_ = true;            // whether the protocol serves ranges (last read)
+    bool dirty_ = false;            // the row differs from what is saved
+    bool savedDurably_ = false;     // the row was last saved durably
+    bool rowUnsynced_ = false;      // the saved row says the data was not synced
+    bool mayBeIncomplete_ = false;  // see MayBeIncomplete
+    bool dataDirty_ = false;        // data or length changed since the data file was last synced
     bool forgotten_ = false;
     bool readAheadRunning_ = false;
     int64_t lastReadEnd_ = -1;

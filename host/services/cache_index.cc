@@ -12,7 +12,7 @@ namespace {
 
 // Raised with every change of the schema; an older skarvo refuses a newer
 // index rather than misread it.
-constexpr int kSchemaVersion = 2;
+constexpr int kSchemaVersion = 3;
 
 constexpr char kSchema[] = R"(
 CREATE TABLE IF NOT EXISTS settings(name TEXT PRIMARY KEY, value INTEGER NOT NULL);
@@ -31,17 +31,20 @@ CREATE TABLE IF NOT EXISTS entries(
     base_size INTEGER,              -- NULL: the remote had no copy
     base_time TEXT NOT NULL,
     base_extra TEXT NOT NULL,
-    last_use INTEGER NOT NULL);
+    last_use INTEGER NOT NULL,
+    unsynced_boot TEXT NOT NULL DEFAULT '');  -- see EntryRecord::unsyncedBoot
 )";
 
 constexpr char kColumns[] =
     "name, key, extra, size, fetch_limit, blocks, unsent, origin_known, origin_path, "
-    "origin_remote, base_size, base_time, base_extra, last_use, clean_version";
+    "origin_remote, base_size, base_time, base_extra, last_use, clean_version, unsynced_boot";
 
 // What each version adds to the one before, run in order on an older index.
 constexpr const char* kUpgrades[] = {
     // 1 -> 2: the version of the fetched blocks; none is known for old rows.
     "ALTER TABLE entries ADD COLUMN clean_version TEXT NOT NULL DEFAULT '';",
+    // 2 -> 3: rows saved before their data was synced; old rows never were.
+    "ALTER TABLE entries ADD COLUMN unsynced_boot TEXT NOT NULL DEFAULT '';",
 };
 
 EntryRecord ReadRecord(const SqliteStatement& row) {
@@ -63,6 +66,7 @@ EntryRecord ReadRecord(const SqliteStatement& row) {
     origin.baseExtra = row.Text(12);
     record.lastUse = static_cast<uint64_t>(row.Int(13));
     record.cleanVersion = row.Text(14);
+    record.unsyncedBoot = row.Text(15);
     return record;
 }
 
@@ -126,7 +130,7 @@ Status CacheIndex::Prepare(uint32_t blockSize) {
 
 Status CacheIndex::PrepareStatements() {
     const std::string columns = kColumns;
-    const std::string values = ") VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    const std::string values = ") VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
     const std::string save = "INSERT OR REPLACE INTO entries(" + columns + values;
     const std::string import = "INSERT OR IGNORE INTO entries(" + columns + values;
     const std::string load = "SELECT " + columns + " FROM entries ORDER BY last_use, name";
@@ -172,6 +176,7 @@ void CacheIndex::BindRecord(SqliteStatement* statement, const EntryRecord& recor
     statement->Bind(13, origin.baseExtra);
     statement->Bind(14, static_cast<int64_t>(record.lastUse));
     statement->Bind(15, record.cleanVersion);
+    statement->Bind(16, record.unsyncedBoot);
 }
 
 void CacheIndex::OpenWal(const std::string& path) {

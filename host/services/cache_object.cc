@@ -98,3 +98,7 @@ AERROR CacheObject::Sync() {
     // Only records are written: a little room is enough.
     return WithRoom(context_->blockSize, [&] { return entry_->Sync(); });
 }
+
+AERROR CacheObject::SaveWritten() {
+    return WithRoom(context_->blockSize, [&] { return entry_->SaveWritten(); });
+}

@@ -32,6 +32,7 @@ class CacheObject : public ICacheObj {
     AERROR Commit() override;
     AERROR Discard() override;
     AERROR Sync() override;
+    AERROR SaveWritten() override;
     AERROR CheckVersion(const char* version) override;
     AERROR SetVersion(const char* version) override;
 

@@ -41,6 +41,12 @@ struct EntryRecord {
     uint64_t unsent = 0;     // bytes written and not committed
     EntryOrigin origin;
     uint64_t lastUse = 0;  // larger is more recent
+    // When the row was saved before the data file was synced: the boot of
+    // the machine it was saved in (/proc/sys/kernel/random/boot_id). The
+    // data survived if the machine has not restarted since, since only a
+    // power cut or a crash of the kernel loses what the kernel was given;
+    // after a restart it may be incomplete. "": the data was synced first.
+    std::string unsyncedBoot;
 };
 
 // Whether `name` is a name the cache itself could have given an entry, and so

@@ -83,6 +83,7 @@ Status DiskCache::Create(const std::string& dir, uint64_t maxBytes, IAsyncQ* que
     context->log = log;
     context->folder = root;
     context->dataFolder = root + "/data";
+    context->bootId = options.bootId;
     // Records of an older version are imported once; the folder keeps the
     // block size they were saved with.
     LegacyRecords legacy = ReadLegacyRecords(context->dataFolder);
@@ -384,7 +385,8 @@ std::vector<DiskCache::Unsent> DiskCache::UnsentEntries() const {
     for (const auto& item : entries_) {
         const uint64_t bytes = item.second->UnsentBytes();
         if (bytes == 0) continue;
-        unsent.push_back(Unsent{item.first, item.second->Origin(), item.second->Size(), bytes});
+        unsent.push_back(Unsent{item.first, item.second->Origin(), item.second->Size(), bytes,
+                                item.second->MayBeIncomplete()});
     }
     std::sort(unsent.begin(), unsent.end(),
               [](const Unsent& a, const Unsent& b) { return a.key < b.key; });

@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "common/boot_id.h"
 #include "common/status.h"
 #include "libfilesystem/async.h"
 #include "libfilesystem/cache.h"
@@ -27,6 +28,9 @@ struct DiskCacheOptions {
     uint32_t blockSize = 64 * 1024;
     uint32_t readAheadBlocks = 16;  // how far sequential reads fetch ahead; 0: never
     uint32_t maxFetchBlocks = 256;  // the longest range asked for in one fetch
+    // This boot of the machine (CurrentBootId); "": rows are never saved
+    // before their data is synced.
+    std::string bootId = CurrentBootId();
 };
 
 // Layout of the cache folder:
@@ -96,8 +100,9 @@ class DiskCache : public ICacheService, public std::enable_shared_from_this<Disk
     struct Unsent {
         std::string key;
         EntryOrigin origin;
-        int64_t size = 0;    // of the file
-        uint64_t bytes = 0;  // written and not committed
+        int64_t size = 0;              // of the file
+        uint64_t bytes = 0;            // written and not committed
+        bool mayBeIncomplete = false;  // see CacheEntry::MayBeIncomplete
     };
     // Every such entry, by key.
     std::vector<Unsent> UnsentEntries() const;

@@ -131,6 +131,12 @@ class IFetch {
 //        The object's blocks are now exactly the remote content `version`
 //        names: called right after Commit, once the upload stored them.
 //        The default ignores it.
+//  13  SaveWritten() -> AERROR
+//        Makes everything written to the object so far survive a crash of
+//        the host process, as Sync does, though not necessarily of the
+//        machine. The library calls it at every close(2) of a handle that
+//        may have written: the kernel does not wait for the release that
+//        calls Sync. The default does nothing.
 class ICacheObj : public ICacheIO {
   public:
     virtual AERROR Reopen(char mode, long long size, IFetch* fetcher) = 0;
@@ -142,6 +148,7 @@ class ICacheObj : public ICacheIO {
     virtual AERROR Sync() { return SUCCESS; }
     virtual AERROR CheckVersion(const char* /*version*/) { return DropClean(); }
     virtual AERROR SetVersion(const char* /*version*/) { return SUCCESS; }
+    virtual AERROR SaveWritten() { return SUCCESS; }
 };
 
 // Where the content of a cache entry belongs. Null fields are left as they

@@ -465,9 +465,11 @@ int ExportServiceFUSE::statfs(const char* path, struct statvfs* sv) {
     });
 }
 
-int ExportServiceFUSE::flush(const char* path, fuse_file_info*) {
+int ExportServiceFUSE::flush(const char* path, fuse_file_info* fi) {
     return Call("FUSE_flush", "", [&](IFileSystemImpl* fs, std::string process) {
-        return fs->Flush(path, std::move(process));
+        const int kept = fs->KeepWritten(fi->fh, process);
+        const int flushed = fs->Flush(path, std::move(process));
+        return kept != 0 ? kept : flushed;
     });
 }
 

@@ -133,6 +133,7 @@ class FileSystem final : public IFileSystemImpl,
     int Truncate(const char* path, long long size, IExportService* service,
                  std::string process) override;
     int Fsync(unsigned long long handle, bool dataOnly, std::string process) override;
+    int KeepWritten(unsigned long long handle, std::string process) override;
     // Creates the node of a new file in `parent`, on the remote too when its
     // protocol stores new files at once.
     AERROR CreateNewFile(std::shared_ptr<File> parent, std::string name, unsigned long attributes,

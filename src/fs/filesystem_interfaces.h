@@ -19,6 +19,11 @@ class IFileSystemImpl : public IFileSystem_V2 {
     // fsync(2) and fdatasync(2) of an open file: its written data is durable
     // in the cache when it returns 0. The upload still follows the close.
     virtual int Fsync(unsigned long long handle, bool dataOnly, std::string process) = 0;
+    // close(2) of an open file (FUSE's flush): what the handle wrote is
+    // recorded in the cache so that a crash of the host loses none of it.
+    // The kernel does not wait for the release, which makes it durable and
+    // starts the upload.
+    virtual int KeepWritten(unsigned long long handle, std::string process) = 0;
 };
 
 #endif  // LIBFS_FS_FILESYSTEM_INTERFACES_H_

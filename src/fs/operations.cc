@@ -252,6 +252,13 @@ int FileSystem::Flush(const char*, std::string) {
     return ConvertAERROR(SUCCESS);
 }
 
+int FileSystem::KeepWritten(unsigned long long handle, std::string process) {
+    auto record = FindHandle(handle, process);
+    if (!record || record->mode != HANDLE_MODE_WRITE || !record->file) return 0;
+    const AERROR result = record->file->SaveWrittenCache();
+    return Outcome("Flush", result, process, record->path.c_str());
+}
+
 int FileSystem::Fsync(unsigned long long handle, bool dataOnly, std::string process) {
     LOG_REQUEST("%s : %llu, %d", "Fsync", handle, dataOnly ? 1 : 0);
     auto record = FindHandle(handle, process);

@@ -229,6 +229,9 @@ class File : public IFetch, public IFileChanges, public std::enable_shared_from_
     // Makes the data written to the node durable in the cache (fsync, and
     // the close that ends a change). SUCCESS when nothing is cached.
     AERROR SyncCache();
+    // Records the data written to the node in the cache so that it survives
+    // a crash of the host (a close(2), which does not wait for the release).
+    AERROR SaveWrittenCache();
     AERROR ReadFile(_FS_HANDLE_EXT* handle, void* buffer, unsigned long size, unsigned long* read,
                     long long offset, IExportService* exportService);
     AERROR WriteFile(_FS_HANDLE_EXT* handle, const void* buffer, unsigned long size,

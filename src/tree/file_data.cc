@@ -79,6 +79,11 @@ AERROR File::SyncCache() {
     return cacheObject ? cacheObject->Sync() : SUCCESS;
 }
 
+AERROR File::SaveWrittenCache() {
+    const std::shared_ptr<ICacheObj> cacheObject = CacheObject();
+    return cacheObject ? cacheObject->SaveWritten() : SUCCESS;
+}
+
 void File::ReopenCache(char mode) {
     std::shared_ptr<ICacheObj> cacheObject = CacheObject();
     if (!cacheObject) {

@@ -449,7 +449,7 @@ TEST_F(DiskCacheTest, RestartsAndFlushKeepWrittenAndFetchedData) {
 // A folder of an older version, with a text record per entry or an index of
 // the first version, keeps its unsent data; an index of a newer version is
 // refused.
-TEST_F(DiskCacheTest, OlderFoldersKeepTheirUnsentDataAndANewerIndexIsRefused) {
+TEST_F(DiskCacheTest, UnsentDataOutlivesOlderVersionsAndRestartsAndANewerIndexIsRefused) {
     std::filesystem::create_directories(dir_ + "/data");
     ASSERT_TRUE(WriteFile(dir_ + "/data/00000000000000aa.data", "unsent"));
     ASSERT_TRUE(WriteFile(dir_ + "/data/00000000000000aa.map",
@@ -462,16 +462,24 @@ TEST_F(DiskCacheTest, OlderFoldersKeepTheirUnsentDataAndANewerIndexIsRefused) {
         EXPECT_EQ(sqlite3_exec(db, statement, nullptr, nullptr, nullptr), SQLITE_OK);
         sqlite3_close(db);
     };
-    // Runs: the text records imported, the index reopened, and an index of
-    // the first version (without the version of the fetched blocks) upgraded.
-    for (int run = 0; run < 3; ++run) {
-        if (run == 2) sql("ALTER TABLE entries DROP COLUMN clean_version; PRAGMA user_version = 1");
+    // Runs: the text records imported, the index reopened, an index of the
+    // first version upgraded, and a row saved at a close before its data was
+    // synced, in this boot of the machine and in an earlier one.
+    const std::string boot = CurrentBootId();
+    for (int run = 0; run < 5; ++run) {
+        if (run == 2) {
+            sql("ALTER TABLE entries DROP COLUMN clean_version; "
+                "ALTER TABLE entries DROP COLUMN unsynced_boot; PRAGMA user_version = 1");
+        }
+        if (run == 3) sql(("UPDATE entries SET unsynced_boot = '" + boot + "'").c_str());
+        if (run == 4) sql("UPDATE entries SET unsynced_boot = 'an earlier boot'");
         auto cache = MakeDisk(dir_);
         const auto unsent = cache->UnsentEntries();
         ASSERT_EQ(unsent.size(), 1u);
         EXPECT_EQ(unsent[0].key, "\\a.t");
         EXPECT_EQ(unsent[0].origin.path, "/A.t");
         EXPECT_EQ(unsent[0].bytes, 6u);
+        EXPECT_EQ(unsent[0].mayBeIncomplete, run == 4 && !boot.empty());
         auto object = cache->Open("\\a.t", 'r', 6, nullptr);
         EXPECT_EQ(Read(object.get(), 0, 6, nullptr), "unsent");
         cache->Close("\\a.t");
