@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -33,6 +34,40 @@ class RemoteFetch : public IFetch {
     const std::string key_;
 };
 
+// Compares what a download delivers with the same bytes of a cache object.
+// It takes everything, so that the remote logs no refused download.
+class CompareWithCache : public IFetchCallback {
+  public:
+    CompareWithCache(ICacheObj* object, int64_t size) : object_(object), size_(size) {}
+
+    AERROR FetchWrite(long long offset, const char* data, long size, long* written) override {
+        *written = size;
+        for (long done = 0; same_ && done < size;) {
+            char cached[64 * 1024];
+            _READDATA request;
+            request.buffer = cached;
+            request.offset = offset + done;
+            request.size = static_cast<uint64_t>(std::min<long>(size - done, sizeof(cached)));
+            request.handle = handle_;
+            request.fileSize = size_;
+            same_ = object_->Read(&request) == SUCCESS && request.read > 0 &&
+                    memcmp(cached, data + done, static_cast<size_t>(request.read)) == 0;
+            done += request.read;
+        }
+        if (same_) compared_ += size;
+        return SUCCESS;
+    }
+    // Whether the whole file arrived and matched.
+    bool Same() const { return same_ && compared_ == size_; }
+
+  private:
+    ICacheObj* const object_;
+    const int64_t size_;
+    const std::shared_ptr<_FS_HANDLE> handle_ = std::make_shared<_FS_HANDLE>();
+    bool same_ = true;
+    long long compared_ = 0;
+};
+
 // The parts of one entry's recovery.
 class EntryRecovery {
   public:
@@ -52,6 +87,9 @@ class EntryRecovery {
     // Why the data cannot go to the remote as it is; empty when it can.
     std::string Conflict(const RemotePlace& place) const;
     AERROR Upload(IProtocol_V2* protocol, const RemotePlace& place);
+    // Whether the remote file holds exactly the cached data: an upload that
+    // ended as skarvo died, before it was noted. Then the data is committed.
+    bool AlreadyThere(IProtocol_V2* protocol, const RemotePlace& place);
     // Saves the data to the recovery folder and forgets the entry.
     bool Save(const std::string& reason, IFetch* fetch);
     Status CopyTo(const std::string& target, IFetch* fetch);
@@ -116,6 +154,27 @@ AERROR EntryRecovery::Upload(IProtocol_V2* protocol, const RemotePlace& place) {
     object.reset();
     cache_->Close(unsent_.key.c_str());
     return result;
+}
+
+bool EntryRecovery::AlreadyThere(IProtocol_V2* protocol, const RemotePlace& place) {
+    if (!place.fileFound || (place.file.attributes & FILE_ATTRIBUTE_FOLDER) != 0 ||
+        place.file.size != unsent_.size) {
+        return false;
+    }
+    auto object = cache_->Open(unsent_.key.c_str(), 'r', unsent_.size, nullptr);
+    if (!object) return false;
+    CompareWithCache compare(object.get(), unsent_.size);
+    auto handle = std::make_shared<_FS_HANDLE>();
+    handle->context = place.file.context.get();
+    void* cookie = nullptr;
+    AERROR result =
+        protocol->Download(place.file.key.c_str(), 0, unsent_.size, handle, &compare, &cookie);
+    if (cookie != nullptr) protocol->ReleaseCookie(cookie);
+    const bool same = result == SUCCESS && compare.Same();
+    if (same) result = object->Commit();
+    object.reset();
+    cache_->Close(unsent_.key.c_str());
+    return same && result == SUCCESS;
 }
 
 Status EntryRecovery::CopyTo(const std::string& target, IFetch* fetch) {
@@ -206,6 +265,11 @@ void EntryRecovery::Run(const RecoveryRemote* remote, RecoveryResult* result) {
         }
         reason =
             std::string("its upload to ") + remote->name + " failed with " + GetAERRORA(uploaded);
+    }
+    if (looked == SUCCESS && AlreadyThere(remote->protocol, place)) {
+        Log(LL_INFO, "it was on " + remote->name + " already: its upload ended as skarvo stopped");
+        ++result->uploaded;
+        return;
     }
     // Only blocks of the version the change began from may fill the copy.
     RemoteFetch fetch(remote->protocol, place.file.key);
