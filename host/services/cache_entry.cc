@@ -89,6 +89,13 @@ Status CacheEntry::Restore(std::shared_ptr<CacheContext> context, const Files& f
     const uint64_t blocks = BlockMap::BlocksFor(static_cast<uint64_t>(record.size), blockSize);
     if (map.Count() < blocks) map.Resize(blocks);
     std::lock_guard<std::mutex> lock(entry->mutex_);
+    if (entry->mayBeIncomplete_ && map.AnyFrom(0, BlockState::kFetched)) {
+        // Blocks fetched before the restart may be cut short too; they can
+        // be fetched again. Written ones go to the recovery folder.
+        entry->DropBlocksLocked(BlockState::kFetched);
+        entry->cleanVersion_.clear();
+        entry->dirty_ = true;
+    }
     entry->UpdateUsageLocked();
     *restored = entry;
     return Status::Ok();

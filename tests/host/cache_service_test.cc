@@ -485,6 +485,24 @@ TEST_F(DiskCacheTest, UnsentDataOutlivesOlderVersionsAndRestartsAndANewerIndexIs
         cache->Close("\\a.t");
         EXPECT_FALSE(std::filesystem::exists(dir_ + "/data/00000000000000aa.map"));
     }
+    // Blocks fetched before a restart of the machine are fetched again.
+    const std::string remote = RandomBytes(3 * B);
+    StringFetch fetch(remote);
+    {
+        auto cache = MakeDisk(dir_);
+        auto object = cache->Open("\\f.bin", 'r', remote.size(), &fetch);
+        EXPECT_EQ(Read(object.get(), 0, remote.size(), &fetch), remote);
+        cache->Close("\\f.bin");
+    }
+    sql("UPDATE entries SET unsynced_boot = 'an earlier boot'");
+    fetch.TakeCalls();
+    {
+        auto cache = MakeDisk(dir_);
+        auto object = cache->Open("\\f.bin", 'r', remote.size(), &fetch);
+        EXPECT_EQ(Read(object.get(), 0, remote.size(), &fetch), remote);
+        EXPECT_EQ(fetch.TakeCalls().empty(), boot.empty());
+        cache->Close("\\f.bin");
+    }
     sql("PRAGMA user_version = 99");
     std::shared_ptr<DiskCache> newer;
     EXPECT_FALSE(DiskCache::Create(dir_, 1ull << 30, nullptr, nullptr, &newer).ok());
