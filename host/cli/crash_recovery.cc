@@ -90,8 +90,9 @@ class EntryRecovery {
     // Whether the remote file holds exactly the cached data: an upload that
     // ended as skarvo died, before it was noted. Then the data is committed.
     bool AlreadyThere(IProtocol_V2* protocol, const RemotePlace& place);
-    // Saves the data to the recovery folder and forgets the entry.
-    bool Save(const std::string& reason, IFetch* fetch);
+    // Saves the data to the recovery folder and forgets the entry, counted
+    // as saved; when it cannot, the entry stays, counted as kept.
+    void Save(const std::string& reason, IFetch* fetch, RecoveryResult* result);
     Status CopyTo(const std::string& target, IFetch* fetch);
     void Log(LOGLEVEL level, const std::string& text) const {
         if (log_ != nullptr) log_->Log(level, "recovered %s: %s", localPath_.c_str(), text.c_str());
@@ -209,18 +210,19 @@ Status EntryRecovery::CopyTo(const std::string& target, IFetch* fetch) {
     return status;
 }
 
-bool EntryRecovery::Save(const std::string& reason, IFetch* fetch) {
+void EntryRecovery::Save(const std::string& reason, IFetch* fetch, RecoveryResult* result) {
     std::string target;
     Status status = events_->ReserveRecoveryPath(localPath_, &target);
     if (status.ok()) status = CopyTo(target, fetch);
     if (status.ok()) {
         cache_->Remove(unsent_.key.c_str());
         Log(LL_WARNING, reason + "; the local version is saved to " + target);
-        return true;
+        ++result->saved;
+        return;
     }
     Log(LL_ERROR,
         reason + ", and it cannot be saved (" + status.message() + "); it stays in the cache");
-    return false;
+    ++result->kept;
 }
 
 void EntryRecovery::Run(const RecoveryRemote* remote, RecoveryResult* result) {
@@ -232,17 +234,14 @@ void EntryRecovery::Run(const RecoveryRemote* remote, RecoveryResult* result) {
         return;
     }
     if (!origin.known) {
-        ++(Save("its place in the volume was not recorded", nullptr) ? result->saved
-                                                                     : result->kept);
+        Save("its place in the volume was not recorded", nullptr, result);
         return;
     }
     if (unsent_.mayBeIncomplete) {
         // Never uploaded as if whole: a restart of the machine may have cut
         // it short.
-        ++(Save("the machine restarted before its data was synced, so it may be incomplete",
-                nullptr)
-               ? result->saved
-               : result->kept);
+        Save("the machine restarted before its data was synced, so it may be incomplete", nullptr,
+             result);
         return;
     }
     if (remote == nullptr) {
@@ -274,7 +273,7 @@ void EntryRecovery::Run(const RecoveryRemote* remote, RecoveryResult* result) {
     // Only blocks of the version the change began from may fill the copy.
     RemoteFetch fetch(remote->protocol, place.file.key);
     const bool sameBase = place.fileFound && origin.based && SameVersion(origin, place.file);
-    ++(Save(reason, sameBase ? &fetch : nullptr) ? result->saved : result->kept);
+    Save(reason, sameBase ? &fetch : nullptr, result);
 }
 
 }  // namespace

@@ -79,26 +79,28 @@ Status CacheEntry::Restore(std::shared_ptr<CacheContext> context, const Files& f
     entry->size_ = record.size;
     entry->fetchLimit_ = record.fetchLimit;
     entry->savedDurably_ = !entry->dirty_;
-    if (!record.unsyncedBoot.empty()) {
-        // Saved at a close, before the data was synced: the data is whole
-        // unless the machine restarted since.
-        entry->rowUnsynced_ = true;
-        entry->dataDirty_ = true;
-        entry->mayBeIncomplete_ = record.unsyncedBoot != entry->context_->bootId;
-    }
     const uint64_t blocks = BlockMap::BlocksFor(static_cast<uint64_t>(record.size), blockSize);
     if (map.Count() < blocks) map.Resize(blocks);
     std::lock_guard<std::mutex> lock(entry->mutex_);
-    if (entry->mayBeIncomplete_ && map.AnyFrom(0, BlockState::kFetched)) {
-        // Blocks fetched before the restart may be cut short too; they can
-        // be fetched again. Written ones go to the recovery folder.
-        entry->DropBlocksLocked(BlockState::kFetched);
-        entry->cleanVersion_.clear();
-        entry->dirty_ = true;
-    }
+    if (!record.unsyncedBoot.empty()) entry->RestoreUnsyncedLocked(record.unsyncedBoot);
     entry->UpdateUsageLocked();
     *restored = entry;
     return Status::Ok();
+}
+
+void CacheEntry::RestoreUnsyncedLocked(const std::string& boot) {
+    // Saved at a close, before the data was synced: the data is whole
+    // unless the machine restarted since.
+    rowUnsynced_ = true;
+    dataDirty_ = true;
+    mayBeIncomplete_ = boot != context_->bootId;
+    if (mayBeIncomplete_ && map_.AnyFrom(0, BlockState::kFetched)) {
+        // Blocks fetched before the restart may be cut short too; they can
+        // be fetched again. Written ones go to the recovery folder.
+        DropBlocksLocked(BlockState::kFetched);
+        cleanVersion_.clear();
+        dirty_ = true;
+    }
 }
 
 std::string CacheEntry::Key() const {

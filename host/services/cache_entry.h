@@ -151,6 +151,8 @@ class CacheEntry {
     // With `durable`, also when the row is unchanged but not yet durable,
     // and so that it survives a power cut.
     AERROR SaveLocked(bool durable);
+    // A restored row saved before its data was synced, in boot `boot`.
+    void RestoreUnsyncedLocked(const std::string& boot);
     // Writes the row as it is; `unsyncedBoot` as in EntryRecord.
     AERROR WriteRowLocked(bool durable, const std::string& unsyncedBoot);
     void UpdateUsageLocked();
