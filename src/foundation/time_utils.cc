@@ -2,7 +2,8 @@
 
 #include <sys/time.h>
 
-#include <cstdio>
+#include <charconv>
+#include <cstring>
 
 #include "foundation/string_utils.h"
 
@@ -37,7 +38,19 @@ struct tm ParseFields(const char* s) {
     int minute = 0;
     int second = 0;
     if (s != nullptr) {
-        sscanf(s, "%d-%d-%dT%d:%d:%d", &year, &month, &day, &hour, &minute, &second);
+        // Every getattr reads three of these texts. from_chars, field by
+        // field: sscanf took an eighth of the daemon's CPU in a repeated
+        // `ls -lR`.
+        const char* const end = s + strlen(s);
+        int* const values[] = {&year, &month, &day, &hour, &minute, &second};
+        const char separators[] = "--T::";
+        const char* at = s;
+        for (size_t field = 0; field < 6; ++field) {
+            const auto [next, error] = std::from_chars(at, end, *values[field]);
+            if (error != std::errc() || field == 5 || next == end || *next != separators[field])
+                break;
+            at = next + 1;
+        }
     }
     struct tm fields = {};
     fields.tm_year = year - 1900;

@@ -18,6 +18,17 @@
 
 namespace {
 
+// The daemon's own user and group own every item. Read once: two system calls
+// per getattr were a twentieth of the daemon's CPU in a repeated `ls -lR`.
+uid_t OwnerUid() {
+    static const uid_t uid = getuid();
+    return uid;
+}
+gid_t OwnerGid() {
+    static const gid_t gid = getgid();
+    return gid;
+}
+
 // The current local time as an RFC 3339 text, as records of new items carry it.
 std::string NowAsRFC3339() {
     struct timeval now;
@@ -246,8 +257,8 @@ int File::getattr(struct stat* st) {
     st->st_size = info->size;
     st->st_ino = serial_;
     st->st_nlink = 1;
-    st->st_uid = getuid();
-    st->st_gid = getgid();
+    st->st_uid = OwnerUid();
+    st->st_gid = OwnerGid();
     if ((info->attributes & FILE_ATTRIBUTE_FOLDER) != 0) {
         // A fixed size for every folder, whatever it holds.
         st->st_size = 1446;
