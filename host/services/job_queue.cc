@@ -1,7 +1,34 @@
 #include "services/job_queue.h"
 
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#ifdef __APPLE__
+#include <pthread/qos.h>
+#endif
+
 #include <system_error>
 #include <utility>
+
+namespace {
+
+// Jobs are the volume's background work: uploads, listings refreshed behind a
+// first answer, fetches ahead of a reader. They run below the threads that
+// answer the kernel, so that a program writing many small files does not wait
+// behind the uploads of the files it wrote before. Creating 5,000 files of
+// 4 KiB on 2 cores ran at 1,568-1,939 files/s with jobs at the same priority
+// and at 1,828-2,143 with them at nice 10, and the last file reached the
+// remote about as soon (3.86-3.89 s against 3.77-3.86 s).
+void LowerThisThreadsPriority() {
+#ifdef __APPLE__
+    pthread_set_qos_class_self_np(QOS_CLASS_UTILITY, 0);
+#else
+    // On Linux a nice value belongs to the thread, not the process.
+    setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10);
+#endif
+}
+
+}  // namespace
 
 JobQueue::JobQueue(size_t maxThreads, std::chrono::milliseconds idleTimeout)
     : maxThreads_(maxThreads > 0 ? maxThreads : 1), idleTimeout_(idleTimeout) {}
@@ -95,6 +122,7 @@ bool JobQueue::StartThreadLocked() {
 }
 
 void JobQueue::WorkerMain(uint64_t id) {
+    LowerThisThreadsPriority();
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         if (!pending_.empty()) {
