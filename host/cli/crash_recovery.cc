@@ -34,6 +34,22 @@ class RemoteFetch : public IFetch {
     const std::string key_;
 };
 
+// Reads `size` bytes at `offset` of `object`, a file of `fileSize` bytes, on
+// behalf of `handle`, fetching what it lacks through `fetch` when there is
+// one. How many bytes it read: 0 when it failed or found none.
+int64_t ReadCached(ICacheObj* object, const std::shared_ptr<_FS_HANDLE>& handle, int64_t fileSize,
+                   int64_t offset, char* buffer, uint64_t size, IFetch* fetch) {
+    _READDATA request;
+    request.buffer = buffer;
+    request.offset = offset;
+    request.size = size;
+    request.handle = handle;
+    request.fileSize = fileSize;
+    request.fetch = fetch;
+    if (object->Read(&request) != SUCCESS || request.read < 0) return 0;
+    return request.read;
+}
+
 // Compares what a download delivers with the same bytes of a cache object.
 // It takes everything, so that the remote logs no refused download.
 class CompareWithCache : public IFetchCallback {
@@ -44,15 +60,11 @@ class CompareWithCache : public IFetchCallback {
         *written = size;
         for (long done = 0; same_ && done < size;) {
             char cached[64 * 1024];
-            _READDATA request;
-            request.buffer = cached;
-            request.offset = offset + done;
-            request.size = static_cast<uint64_t>(std::min<long>(size - done, sizeof(cached)));
-            request.handle = handle_;
-            request.fileSize = size_;
-            same_ = object_->Read(&request) == SUCCESS && request.read > 0 &&
-                    memcmp(cached, data + done, static_cast<size_t>(request.read)) == 0;
-            done += request.read;
+            const int64_t read = ReadCached(
+                object_, handle_, size_, offset + done, cached,
+                static_cast<uint64_t>(std::min<long>(size - done, sizeof(cached))), nullptr);
+            same_ = read > 0 && memcmp(cached, data + done, static_cast<size_t>(read)) == 0;
+            done += read;
         }
         if (same_) compared_ += size;
         return SUCCESS;
@@ -186,17 +198,11 @@ Status EntryRecovery::CopyTo(const std::string& target, IFetch* fetch) {
     auto handle = std::make_shared<_FS_HANDLE>();
     std::vector<char> buffer(1 << 20);
     for (int64_t offset = 0; ok && offset < unsent_.size;) {
-        _READDATA request;
-        request.buffer = buffer.data();
-        request.offset = offset;
-        request.size =
-            static_cast<uint64_t>(std::min<int64_t>(buffer.size(), unsent_.size - offset));
-        request.handle = handle;
-        request.fileSize = unsent_.size;
-        request.fetch = fetch;
-        ok = object->Read(&request) == SUCCESS && request.read > 0 &&
-             WriteAll(fd.Get(), buffer.data(), static_cast<size_t>(request.read));
-        offset += request.read;
+        const int64_t read = ReadCached(
+            object.get(), handle, unsent_.size, offset, buffer.data(),
+            static_cast<uint64_t>(std::min<int64_t>(buffer.size(), unsent_.size - offset)), fetch);
+        ok = read > 0 && WriteAll(fd.Get(), buffer.data(), static_cast<size_t>(read));
+        offset += read;
     }
     ok = ok && fsync(fd.Get()) == 0 && rename(part.c_str(), target.c_str()) == 0;
     Status status;
